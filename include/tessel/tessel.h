@@ -1,0 +1,13 @@
+#ifndef TESSEL_TESSEL_H
+#define TESSEL_TESSEL_H
+
+/// The whole of the library: publish/subscribe with a last-value cache, and remote procedure calls.
+
+#include "tessel/export.h"
+#include "tessel/message_broker.h"
+#include "tessel/message_dispatcher.h"
+#include "tessel/publisher.h"
+#include "tessel/rpc_error.h"
+#include "tessel/version.h"
+
+#endif

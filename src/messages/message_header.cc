@@ -1,0 +1,74 @@
+#include "messages/message_header.h"
+
+#include <cstring>
+#include <utility>
+
+namespace tessel {
+
+// Never destroyed: threads may still send while the process exits.
+const std::string& kProtocolSignature = *new std::string("RS02");
+
+namespace {
+
+bool isSignature(const ZmqFrame& frame) {
+  return frame.size() == kProtocolSignature.size() &&
+         std::memcmp(frame.data(), kProtocolSignature.data(), frame.size()) == 0;
+}
+
+bool hasEnvelope(int socketType) { return socketType != ZMQ_REQ && socketType != ZMQ_REP; }
+
+// Reads the frames of one header and knows whether the message goes on, so that one which ends too
+// early is never mistaken for the beginning of the next.
+class HeaderReader {
+ public:
+  HeaderReader(ZmqSocket& socket, int flags) : socket_(socket), flags_(flags) {}
+
+  bool begun() const { return begun_; }
+  bool messageGoesOn() const { return more_; }
+
+  bool next(ZmqFrame& frame) {
+    if (begun_ && !more_) return false;
+    if (!socket_.receive(frame, begun_ ? 0 : flags_)) return false;
+    begun_ = true;
+    more_ = frame.more();
+    return true;
+  }
+
+ private:
+  ZmqSocket& socket_;
+  const int flags_;
+  bool begun_ = false;
+  bool more_ = false;
+};
+
+bool readEnvelope(HeaderReader& reader, std::vector<ZmqFrame>& envelope) {
+  ZmqFrame frame;
+  while (reader.next(frame)) {
+    if (frame.size() == 0) return true;
+    envelope.push_back(std::move(frame));
+  }
+  return false;
+}
+
+bool readFrames(HeaderReader& reader, int socketType, MessageHeader& header) {
+  if (hasEnvelope(socketType) && !readEnvelope(reader, header.envelope)) return false;
+  ZmqFrame signature;
+  return reader.next(signature) && reader.next(header.typeFrame) && reader.messageGoesOn() &&
+         isSignature(signature) && header.typeFrame.size() == 1;
+}
+
+}  // namespace
+
+HeaderRead readMessageHeader(ZmqSocket& socket, MessageHeader& header, int flags) {
+  HeaderReader reader(socket, flags);
+  if (!readFrames(reader, socket.type(), header)) {
+    if (!reader.begun()) return HeaderRead::kNothing;
+    if (reader.messageGoesOn()) socket.discardPending();
+    return HeaderRead::kMalformed;
+  }
+  header.type = header.typeFrame.firstByte();
+  header.received = true;
+  return HeaderRead::kRead;
+}
+
+}  // namespace tessel

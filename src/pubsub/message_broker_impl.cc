@@ -1,0 +1,199 @@
+#include "pubsub/message_broker_impl.h"
+
+#include <zmq.h>
+
+#include <cstdint>
+#include <system_error>
+#include <utility>
+
+#include "messages/message_publish.h"
+#include "messages/message_unpublish.h"
+#include "messages/value_key.h"
+#include "pubsub/high_water_marks.h"
+
+namespace tessel {
+namespace {
+
+std::atomic<std::uint64_t> nextBroker{0};
+
+// A poll costs several system calls, so it is left out while messages wait. It also is what tells
+// the PUB socket, which is never read, of subscribers that come and go.
+constexpr int kMaxPassesWithoutPoll = 256;
+
+constexpr std::size_t kStopItem = 0;
+
+constexpr char kSubscribe = 1;
+constexpr char kUnsubscribe = 0;
+
+}  // namespace
+
+MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTransports,
+                                     const std::vector<std::string>& updatesTransports,
+                                     const std::vector<std::string>& cacheTransports)
+    : inprocEndpoint_("inproc://publish_service" + std::to_string(nextBroker.fetch_add(1))),
+      pullSocket_(ZMQ_PULL),
+      pubSocket_(ZMQ_PUB),
+      xpubSocket_(ZMQ_XPUB),
+      poll_{stopSignal_.pollHandle(), pullSocket_.handle(), xpubSocket_.handle(),
+            pubSocket_.handle()} {
+  // Repeated subscriptions too, so that each new subscriber gets the cached value.
+  xpubSocket_.setOption(ZMQ_XPUB_VERBOSE, 1);
+  xpubSocket_.setOption(ZMQ_SNDHWM, kReplayHighWaterMark);
+  xpubSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);
+  pubSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);
+  pullSocket_.bind(inprocEndpoint_);
+  for (const std::string& transport : pullTransports) pullSocket_.bind(transport);
+  for (const std::string& transport : updatesTransports) pubSocket_.bind(transport);
+  for (const std::string& transport : cacheTransports) xpubSocket_.bind(transport);
+}
+
+MessageBrokerImpl::~MessageBrokerImpl() { stop(false, false); }
+
+void MessageBrokerImpl::start() {
+  const Lock lock(threadMutex_);
+  if (thread_.joinable()) return;
+  stopRequested_ = false;
+  thread_ = std::thread([this] { run(); });
+}
+
+void MessageBrokerImpl::stop(bool clearCache, bool clearObservers) {
+  if (threadId_ == std::this_thread::get_id()) {
+    // Without the lock: another thread may hold it, waiting for this one to end.
+    stopRequested_ = true;
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+  }
+  const Lock lock(threadMutex_);
+  if (!thread_.joinable()) return;
+  stopRequested_ = true;
+  stopSignal_.signal();
+  thread_.join();
+  stopSignal_.consume();  // here, since the loop may have ended by the flag without it
+  if (clearCache) forgetCachedValues();
+  if (clearObservers) observers_.clear();
+}
+
+void MessageBrokerImpl::attach(const std::shared_ptr<MessageBrokerObserver>& observer) {
+  observers_.attach(observer);
+}
+
+void MessageBrokerImpl::detach(const std::shared_ptr<MessageBrokerObserver>& observer) {
+  observers_.detach(observer);
+}
+
+void MessageBrokerImpl::run() {
+  threadId_ = std::this_thread::get_id();
+  while (serveOnce()) {
+  }
+  threadId_ = std::thread::id();
+}
+
+bool MessageBrokerImpl::serveOnce() {
+  if (stopRequested_) return false;
+  if (idle_ || ++passesSincePoll_ >= kMaxPassesWithoutPoll) {
+    passesSincePoll_ = 0;
+    poll_.wait();
+    if (stopRequested_ || poll_.readable(kStopItem)) return false;
+  }
+  const Inbound inbound = serveInbound();
+  if (inbound == Inbound::kDropped) {
+    idle_ = false;
+    return true;
+  }
+  const bool subscription = serveSubscription();
+  idle_ = inbound == Inbound::kNothing && !subscription;
+  return true;
+}
+
+MessageBrokerImpl::Inbound MessageBrokerImpl::serveInbound() {
+  MessageHeader header;
+  switch (readMessageHeader(pullSocket_, header, ZMQ_DONTWAIT)) {
+    case HeaderRead::kNothing:
+      return Inbound::kNothing;
+    case HeaderRead::kMalformed:
+      return Inbound::kDropped;
+    case HeaderRead::kRead:
+      break;
+  }
+  switch (header.type) {
+    case kMessagePublish:
+      return servePublication(std::move(header));
+    case kMessageUnpublish:
+      return serveWithdrawal(std::move(header));
+    default:
+      pullSocket_.discardPending();
+      return Inbound::kDropped;
+  }
+}
+
+MessageBrokerImpl::Inbound MessageBrokerImpl::servePublication(MessageHeader&& header) {
+  MessagePublish message(std::move(header));
+  if (!message.receive(pullSocket_)) return Inbound::kDropped;
+  const bool cached = message.hasOption(kKeepInCache);
+  const std::string key = joinKey(message.topic(), message.tag());
+  const bool stored = cached && cache_.store(key, message.data(), message.size());
+  const bool repeat = cached && !stored;
+  const bool suppressed = repeat && !message.hasOption(kPublishIfEqual);
+  if (!suppressed) broadcast(ValueNotification(key, message.valueFrame(), 0));
+  observers_.notify([&](MessageBrokerObserver& observer) {
+    observer.onPublish(message.topic(), message.tag(), cached, stored, suppressed);
+  });
+  return Inbound::kServed;
+}
+
+MessageBrokerImpl::Inbound MessageBrokerImpl::serveWithdrawal(MessageHeader&& header) {
+  MessageUnpublish message(std::move(header));
+  if (!message.receive(pullSocket_)) return Inbound::kDropped;
+  const bool remove = message.hasOption(kRemoveFromCache);
+  const std::string key = joinKey(message.topic(), message.tag());
+  const bool erased = remove && cache_.erase(key);
+  // Subscribers hear of it unless it was to leave the cache and was not there.
+  if (!remove || erased) broadcast(ValueNotification(key, ZmqFrame(), kWithdrawn));
+  observers_.notify([&](MessageBrokerObserver& observer) {
+    observer.onUnpublish(message.topic(), message.tag(), remove, erased, false);
+  });
+  return Inbound::kServed;
+}
+
+void MessageBrokerImpl::broadcast(ValueNotification notification) {
+  ValueNotification again = notification.share();
+  notification.send(pubSocket_);
+  again.send(xpubSocket_);
+}
+
+bool MessageBrokerImpl::serveSubscription() {
+  ZmqFrame frame;
+  if (!xpubSocket_.receive(frame, ZMQ_DONTWAIT)) return false;
+  if (frame.size() == 0) return true;  // a peer's own message, as are those of other first bytes
+  const std::string text = frame.toString();
+  const std::string subscription = text.substr(1);
+  if (text.front() == kSubscribe) {
+    greetSubscriber(subscription);
+  } else if (text.front() == kUnsubscribe) {
+    const TopicAndTag key = splitKey(subscription);
+    observers_.notify(
+        [&](MessageBrokerObserver& observer) { observer.onUnsubscribe(key.topic, key.tag); });
+  }
+  return true;
+}
+
+// Every subscriber of the key gets the value once more; the flag tells those who have it.
+void MessageBrokerImpl::greetSubscriber(const std::string& subscription) {
+  const TopicAndTag key = splitKey(subscription);
+  observers_.notify(
+      [&](MessageBrokerObserver& observer) { observer.onSubscribe(key.topic, key.tag); });
+  const LastValueCache::Value* value = cache_.find(subscription);
+  if (value == nullptr) return;
+  ValueNotification(subscription, ZmqFrame(*value), kReplayed).send(xpubSocket_);
+}
+
+void MessageBrokerImpl::forgetCachedValues() {
+  cache_.forEachKey([this](const std::string& key) {
+    const TopicAndTag parts = splitKey(key);
+    observers_.notify([&](MessageBrokerObserver& observer) {
+      observer.onUnpublish(parts.topic, parts.tag, true, true, false);
+    });
+  });
+  cache_.clear();
+}
+
+}  // namespace tessel

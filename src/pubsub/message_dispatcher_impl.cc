@@ -1,0 +1,158 @@
+#include "pubsub/message_dispatcher_impl.h"
+
+#include <zmq.h>
+
+#include <system_error>
+#include <utility>
+
+#include "pubsub/high_water_marks.h"
+
+namespace tessel {
+namespace {
+
+// On a worker thread.
+void deliver(const SubscriptionBase& subscription, const ReceivedNotification& value) {
+  if (value.withdrawn()) {
+    subscription.deliverDeletion(value.key);
+  } else {
+    subscription.deliverValue(value.key, value.value.data(), value.value.size());
+  }
+}
+
+}  // namespace
+
+MessageDispatcherImpl::MessageDispatcherImpl(const std::string& updatesTransport,
+                                             const std::string& cacheTransport,
+                                             std::size_t workerCount)
+    : workerCount_(workerCount),
+      poll_{wakeup_.pollHandle(), updates_.socket().handle(), cache_.socket().handle()} {
+  // Subscriptions go out on these sockets; a burst of them must not meet a limit.
+  updates_.socket().setOption(ZMQ_SNDHWM, kNoHighWaterMark);
+  cache_.socket().setOption(ZMQ_SNDHWM, kNoHighWaterMark);
+  cache_.socket().setOption(ZMQ_RCVHWM, kReplayHighWaterMark);
+  updates_.socket().connect(updatesTransport);
+  cache_.socket().connect(cacheTransport);
+}
+
+MessageDispatcherImpl::~MessageDispatcherImpl() { stop(false); }
+
+void MessageDispatcherImpl::wake() {
+  if (wakePending_.exchange(true)) return;
+  wakeup_.signal();
+}
+
+void MessageDispatcherImpl::registerSubscription(std::shared_ptr<SubscriptionBase> subscription) {
+  const Lock lock(registrationMutex_);
+  pendingRegistrations_.push_back(std::move(subscription));
+  wake();
+}
+
+void MessageDispatcherImpl::unregisterSubscription(std::shared_ptr<SubscriptionBase> like) {
+  const Lock lock(registrationMutex_);
+  pendingUnregistrations_.push_back(std::move(like));
+  wake();
+}
+
+void MessageDispatcherImpl::start() {
+  const Lock lock(threadMutex_);
+  if (thread_.joinable()) return;
+  stopRequested_ = false;
+  deliveryQueue_ = std::make_unique<WorkQueue>(workerCount_);
+  try {
+    thread_ = std::thread([this] { run(); });
+  } catch (...) {
+    deliveryQueue_.reset();
+    throw;
+  }
+}
+
+void MessageDispatcherImpl::stop(bool clearSubscriptions) {
+  if (threadId_ == std::this_thread::get_id()) {
+    // Without the lock: another thread may hold it, waiting for this one to end.
+    stopRequested_ = true;
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+  }
+  const Lock lock(threadMutex_);
+  if (!thread_.joinable()) return;
+  stopRequested_ = true;
+  {
+    const Lock registrationLock(registrationMutex_);
+    wake();
+  }
+  deliveryQueue_->cancelWaits();  // the deliveries waited for may never end
+  thread_.join();
+  deliveryQueue_.reset();
+  if (!clearSubscriptions) return;
+  updates_.clear();
+  cache_.clear();
+}
+
+void MessageDispatcherImpl::run() {
+  threadId_ = std::this_thread::get_id();
+  updates_.resubscribeAll();
+  cache_.resubscribeAll();
+  while (serveOnce()) {
+  }
+  updates_.unsubscribeAll();
+  cache_.unsubscribeAll();
+  threadId_ = std::thread::id();
+}
+
+bool MessageDispatcherImpl::serveOnce() {
+  if (stopRequested_) return false;
+  if (idle_) poll_.wait();  // only when nothing waits: a poll costs several system calls
+  if (stopRequested_) return false;
+  if (wakePending_) applyRegistrations();
+  const bool update = serveMessage(updates_);
+  if (stopRequested_) return false;
+  const bool cached = serveMessage(cache_);
+  idle_ = !update && !cached;
+  return true;
+}
+
+void MessageDispatcherImpl::applyRegistrations() {
+  wakeup_.consume();
+  Subscriptions registrations;
+  Subscriptions unregistrations;
+  {
+    const Lock lock(registrationMutex_);
+    wakePending_ = false;
+    registrations.swap(pendingRegistrations_);
+    unregistrations.swap(pendingUnregistrations_);
+  }
+  for (std::shared_ptr<SubscriptionBase>& subscription : registrations) {
+    if (subscription->isExpired()) continue;
+    SubscriptionTable& table = tableOf(*subscription);
+    table.add(std::move(subscription));
+  }
+  for (const std::shared_ptr<SubscriptionBase>& like : unregistrations) {
+    tableOf(*like).removeOne(*like);
+  }
+  updates_.removeExpired();
+  cache_.removeExpired();
+}
+
+SubscriptionTable& MessageDispatcherImpl::tableOf(const SubscriptionBase& subscription) {
+  return subscription.mode() == SubscriptionMode::NewValues ? updates_ : cache_;
+}
+
+bool MessageDispatcherImpl::serveMessage(SubscriptionTable& table) {
+  const auto value = std::make_shared<ReceivedNotification>();
+  if (!receiveNotification(table.socket(), *value, ZMQ_DONTWAIT)) return false;
+  // The callbacks of one value end before those of the next begin, whichever socket it came from.
+  if (deliveryQueue_->waitIdle()) dispatch(table, value);
+  return true;
+}
+
+void MessageDispatcherImpl::dispatch(SubscriptionTable& table,
+                                     const std::shared_ptr<ReceivedNotification>& value) {
+  table.visitMatches(value->key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
+    if (value->replayed() && subscription->delivered()) return true;
+    subscription->setDelivered();
+    deliveries_.push_back([subscription, value] { deliver(*subscription, *value); });
+    return subscription->mode() != SubscriptionMode::Once;
+  });
+  deliveryQueue_->pushAll(deliveries_);
+}
+
+}  // namespace tessel

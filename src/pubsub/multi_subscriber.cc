@@ -1,0 +1,34 @@
+#include "messages/value_key.h"
+#include "pubsub/multi_subscriber_impl.h"
+
+namespace tessel {
+
+MultiSubscriberImpl::MultiSubscriberImpl(MultiSubscriber& owner, const std::string& prefix)
+    : owner_(owner), prefix_(prefix) {}
+
+void MultiSubscriberImpl::deliverValue(const std::string& key, const void* data,
+                                       std::size_t size) const {
+  const TopicAndTag parts = splitKey(key);
+  owner_.onValue(parts.topic, parts.tag, data, size);
+}
+
+void MultiSubscriberImpl::deliverDeletion(const std::string& key) const {
+  const TopicAndTag parts = splitKey(key);
+  owner_.onDeletion(parts.topic, parts.tag);
+}
+
+MultiSubscriber::MultiSubscriber(const std::string& prefix)
+    : impl_(std::make_unique<MultiSubscriberImpl>(*this, prefix)) {}
+
+// An empty tag stays empty here: the prefix then covers every tag of the topic.
+MultiSubscriber::MultiSubscriber(const std::string& topic, const std::string& tag)
+    : MultiSubscriber(joinKey(topic, tag)) {}
+
+MultiSubscriber::~MultiSubscriber() = default;
+
+void MultiSubscriber::onValue(const std::string& /*topic*/, const std::string& /*tag*/,
+                              const void* /*data*/, std::size_t /*size*/) {}
+
+void MultiSubscriber::onDeletion(const std::string& /*topic*/, const std::string& /*tag*/) {}
+
+}  // namespace tessel

@@ -1,0 +1,103 @@
+#ifndef TESSEL_SRC_PUBSUB_SUBSCRIPTION_H
+#define TESSEL_SRC_PUBSUB_SUBSCRIPTION_H
+
+#include <cstddef>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <type_traits>
+
+#include "pubsub/multi_subscriber_impl.h"
+#include "pubsub/subscriber_impl.h"
+#include "tessel/message_dispatcher.h"
+
+namespace tessel {
+
+/// One registration of a subscriber with a dispatcher. It does not keep the subscriber alive, and
+/// owns it only while a callback runs: so no subscriber is ever destroyed on the dispatcher thread.
+/// Unchanged once made, other than delivered().
+class SubscriptionBase {
+ public:
+  virtual ~SubscriptionBase() = default;
+  SubscriptionBase(const SubscriptionBase&) = delete;
+  SubscriptionBase& operator=(const SubscriptionBase&) = delete;
+
+  /// Whether both are registrations of one subscriber that is still alive.
+  virtual bool isSameSubscriber(const SubscriptionBase& other) const = 0;
+  /// Whether a value of that key is for the subscriber; never, when it has gone.
+  virtual bool matches(const std::string& key) const = 0;
+  /// Call the subscriber, or do nothing when it has gone.
+  virtual void deliverValue(const std::string& key, const void* data, std::size_t size) const = 0;
+  virtual void deliverDeletion(const std::string& key) const = 0;
+  virtual bool isExpired() const = 0;
+
+  SubscriptionMode mode() const { return mode_; }
+  /// The exact key, or the prefix of many: what the socket subscribes to.
+  const std::string& key() const { return key_; }
+  bool isPrefix() const { return isPrefix_; }
+
+  /// Whether replays from the cache are no longer for it: it has had a value, or wants new ones
+  /// only. The dispatcher thread's own.
+  bool delivered() const { return delivered_; }
+  void setDelivered() { delivered_ = true; }
+
+ protected:
+  SubscriptionBase(SubscriptionMode mode, const std::string& key, bool isPrefix)
+      : mode_(mode),
+        key_(key),
+        isPrefix_(isPrefix),
+        delivered_(mode == SubscriptionMode::NewValues) {}
+
+ private:
+  const SubscriptionMode mode_;
+  const std::string key_;
+  const bool isPrefix_;
+  bool delivered_;
+};
+
+/// Prefixes are compared as NUL-terminated texts: what follows a NUL byte only counts by its
+/// length.
+inline bool beginsWith(const std::string& key, const std::string& prefix) {
+  return key.size() >= prefix.size() &&
+         std::strncmp(key.c_str(), prefix.c_str(), prefix.size()) == 0;
+}
+
+/// T is Subscriber or MultiSubscriber.
+template <typename T>
+class Subscription : public SubscriptionBase {
+ public:
+  using Impl =
+      std::conditional_t<std::is_same_v<T, MultiSubscriber>, MultiSubscriberImpl, SubscriberImpl>;
+  static constexpr bool kIsPrefix = std::is_same_v<T, MultiSubscriber>;
+
+  explicit Subscription(const std::shared_ptr<T>& subscriber)
+      : SubscriptionBase(Impl::of(*subscriber).mode(), Impl::of(*subscriber).key(), kIsPrefix),
+        subscriber_(subscriber),
+        identity_(subscriber.get()) {}
+
+  // By address, which is unique among the living, and without owning: see above.
+  bool isSameSubscriber(const SubscriptionBase& other) const override {
+    const auto* same = dynamic_cast<const Subscription<T>*>(&other);
+    return same != nullptr && identity_ == same->identity_ && !isExpired() && !same->isExpired();
+  }
+  bool matches(const std::string& key) const override {
+    return !isExpired() && (kIsPrefix ? beginsWith(key, this->key()) : key == this->key());
+  }
+  void deliverValue(const std::string& key, const void* data, std::size_t size) const override {
+    if (const std::shared_ptr<T> alive = subscriber_.lock()) {
+      Impl::of(*alive).deliverValue(key, data, size);
+    }
+  }
+  void deliverDeletion(const std::string& key) const override {
+    if (const std::shared_ptr<T> alive = subscriber_.lock()) Impl::of(*alive).deliverDeletion(key);
+  }
+  bool isExpired() const override { return subscriber_.expired(); }
+
+ private:
+  const std::weak_ptr<T> subscriber_;
+  const T* const identity_;
+};
+
+}  // namespace tessel
+
+#endif

@@ -1,0 +1,107 @@
+#include "pubsub/subscription_table.h"
+
+#include <zmq.h>
+
+#include <utility>
+
+namespace tessel {
+namespace {
+
+// What an entry is looked up with. Of a prefix that holds a NUL byte only what comes up to it is
+// compared; two that differ behind it are then found together.
+std::string indexKey(const SubscriptionBase& entry) {
+  const std::size_t nul = entry.isPrefix() ? entry.key().find('\0') : std::string::npos;
+  return nul == std::string::npos ? entry.key() : entry.key().substr(0, nul + 1);
+}
+
+}  // namespace
+
+SubscriptionTable::SubscriptionTable() : socket_(ZMQ_SUB) {}
+
+std::size_t SubscriptionTable::size() const {
+  std::size_t entries = 0;
+  for (const Index* index : {&exact_, &prefixes_}) {
+    for (const auto& group : index->groups) entries += group.second.size();
+  }
+  return entries;
+}
+
+void SubscriptionTable::subscribe(const SubscriptionBase& entry) {
+  socket_.setOption(ZMQ_SUBSCRIBE, entry.key());
+}
+
+void SubscriptionTable::unsubscribe(const SubscriptionBase& entry) {
+  socket_.setOption(ZMQ_UNSUBSCRIBE, entry.key());
+}
+
+void SubscriptionTable::add(Entry entry) {
+  subscribe(*entry);
+  Index& index = entry->isPrefix() ? prefixes_ : exact_;
+  const std::string key = indexKey(*entry);
+  Group& group = index.groups[key];
+  if (group.empty()) countGroup(index, key.size());
+  group.push_back(std::move(entry));
+}
+
+void SubscriptionTable::removeOne(const SubscriptionBase& like) {
+  bool removed = false;
+  filterGroup(like.isPrefix() ? prefixes_ : exact_, indexKey(like), [&](const Entry& entry) {
+    if (removed || entry->key() != like.key() || !entry->isSameSubscriber(like)) return false;
+    unsubscribe(*entry);
+    removed = true;
+    return true;
+  });
+}
+
+void SubscriptionTable::removeExpired() {
+  filterAll([this](const Entry& entry) {
+    if (!entry->isExpired()) return false;
+    unsubscribe(*entry);
+    return true;
+  });
+}
+
+void SubscriptionTable::resubscribeAll() {
+  filterAll([this](const Entry& entry) {
+    if (entry->isExpired()) return true;
+    subscribe(*entry);
+    return false;
+  });
+}
+
+void SubscriptionTable::unsubscribeAll() {
+  filterAll([this](const Entry& entry) {
+    unsubscribe(*entry);
+    return entry->isExpired();
+  });
+}
+
+void SubscriptionTable::clear() {
+  exact_ = Index();
+  prefixes_ = Index();
+}
+
+template <typename Remove>
+void SubscriptionTable::filterAll(const Remove& remove) {
+  for (Index* index : {&exact_, &prefixes_}) {
+    for (auto found = index->groups.begin(); found != index->groups.end();) {
+      Group& group = found->second;
+      group.erase(std::remove_if(group.begin(), group.end(), remove), group.end());
+      if (group.empty()) {
+        forgetGroup(*index, found->first.size());
+        found = index->groups.erase(found);
+      } else {
+        ++found;
+      }
+    }
+  }
+}
+
+void SubscriptionTable::countGroup(Index& index, std::size_t length) { ++index.lengths[length]; }
+
+void SubscriptionTable::forgetGroup(Index& index, std::size_t length) {
+  const auto count = index.lengths.find(length);
+  if (--count->second == 0) index.lengths.erase(count);
+}
+
+}  // namespace tessel

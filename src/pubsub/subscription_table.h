@@ -1,0 +1,109 @@
+#ifndef TESSEL_SRC_PUBSUB_SUBSCRIPTION_TABLE_H
+#define TESSEL_SRC_PUBSUB_SUBSCRIPTION_TABLE_H
+
+#include <algorithm>
+#include <cstddef>
+#include <map>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <vector>
+
+#include "pubsub/subscription.h"
+#include "transport/zmq_socket.h"
+
+namespace tessel {
+
+/// One SUB socket of a dispatcher with the subscriptions that it serves. While the dispatcher runs,
+/// each entry has one ZeroMQ subscription of its own, also among equal keys: ZeroMQ counts them,
+/// and the broker answers each with the cached value.
+///
+/// Entries are found by index, not by walking: what a value costs does not depend on how many
+/// subscriptions it is not for.
+class SubscriptionTable {
+ public:
+  using Entry = std::shared_ptr<SubscriptionBase>;
+
+  /// Not connected yet, so that its owner can set options.
+  SubscriptionTable();
+
+  ZmqSocket& socket() { return socket_; }
+  std::size_t size() const;
+
+  /// Subscribes and stores; one subscriber may have several entries.
+  void add(Entry entry);
+  /// Removes and unsubscribes the first entry of the same key and subscriber, if there is one.
+  void removeOne(const SubscriptionBase& like);
+  /// Removes and unsubscribes the entries whose subscribers have gone.
+  void removeExpired();
+
+  /// Forgets the entries whose subscribers have gone, unsubscribed before, and subscribes the rest.
+  void resubscribeAll();
+  /// Unsubscribes everything, and keeps the entries of living subscribers to subscribe them again.
+  void unsubscribeAll();
+  /// Forgets every entry; all must be unsubscribed.
+  void clear();
+
+  /// Calls `visit(entry)` for each entry that the key is for; removes and unsubscribes those for
+  /// which it returns false.
+  template <typename Visit>
+  void visitMatches(const std::string& key, const Visit& visit);
+
+ private:
+  using Group = std::vector<Entry>;
+
+  // Entries by what they are looked up with, in groups of equal ones.
+  struct Index {
+    std::unordered_map<std::string, Group> groups;
+    // How many groups there are of each length, in the index of prefixes: no other beginnings of a
+    // key need to be looked up.
+    std::map<std::size_t, std::size_t> lengths;
+  };
+
+  void subscribe(const SubscriptionBase& entry);
+  void unsubscribe(const SubscriptionBase& entry);
+  // Removes the entries for which `remove(entry)` is true, from one group and from all.
+  template <typename Remove>
+  void filterGroup(Index& index, const std::string& indexKey, const Remove& remove);
+  template <typename Remove>
+  void filterAll(const Remove& remove);
+  static void countGroup(Index& index, std::size_t length);
+  static void forgetGroup(Index& index, std::size_t length);
+
+  ZmqSocket socket_;
+  Index exact_;
+  Index prefixes_;
+  std::string beginning_;  // of the key looked up; kept for its memory
+};
+
+template <typename Remove>
+void SubscriptionTable::filterGroup(Index& index, const std::string& indexKey,
+                                    const Remove& remove) {
+  const auto found = index.groups.find(indexKey);
+  if (found == index.groups.end()) return;
+  Group& group = found->second;
+  group.erase(std::remove_if(group.begin(), group.end(), remove), group.end());
+  if (!group.empty()) return;
+  forgetGroup(index, indexKey.size());
+  index.groups.erase(found);
+}
+
+template <typename Visit>
+void SubscriptionTable::visitMatches(const std::string& key, const Visit& visit) {
+  const auto visitAndDrop = [&](const Entry& entry) {
+    if (!entry->matches(key) || visit(entry)) return false;
+    unsubscribe(*entry);
+    return true;
+  };
+  filterGroup(exact_, key, visitAndDrop);
+  for (auto length = prefixes_.lengths.begin(); length != prefixes_.lengths.end();) {
+    if (length->first > key.size()) break;
+    beginning_.assign(key, 0, length->first);
+    ++length;  // before the group may go, and its length with it
+    filterGroup(prefixes_, beginning_, visitAndDrop);
+  }
+}
+
+}  // namespace tessel
+
+#endif

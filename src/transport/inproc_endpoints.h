@@ -1,0 +1,54 @@
+#ifndef TESSEL_SRC_TRANSPORT_INPROC_ENDPOINTS_H
+#define TESSEL_SRC_TRANSPORT_INPROC_ENDPOINTS_H
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <string>
+#include <unordered_map>
+#include <unordered_set>
+
+#include "transport/mutex.h"
+
+namespace tessel {
+
+/// Tells connected sockets that the in-process endpoint they connected to has been closed.
+///
+/// ZeroMQ does not: such a socket keeps no peer, a blocking send on it never returns, and it is not
+/// connected again when the name is bound anew. All sockets that bind in-process names are this
+/// library's own, so they report here. One lock covers a connect with its entry in the books, and
+/// an unbind with the message to those entered; a connection is therefore either told or made
+/// after the unbind, and waits for the next binder.
+class InprocEndpoints {
+ public:
+  /// True once the endpoint has been closed since the connect; shared by those that connected.
+  using ClosedFlag = std::shared_ptr<const std::atomic<bool>>;
+
+  static InprocEndpoints& instance();
+  static bool isInproc(const std::string& endpoint);
+
+  /// Runs `connect` and returns the flag to look at before each message. What it throws passes.
+  ClosedFlag connect(const std::string& endpoint, const std::function<void()>& connect)
+      TESSEL_EXCLUDES(mutex_);
+  /// Runs `bind` and, if that succeeds, counts the name as bound; passes its answer on.
+  bool bind(const std::string& endpoint, const std::function<bool()>& bind) TESSEL_EXCLUDES(mutex_);
+  /// Runs `unbind`, then tells everyone who connected before.
+  void unbind(const std::string& endpoint, const std::function<void()>& unbind)
+      TESSEL_EXCLUDES(mutex_);
+  /// Whether a socket of this process is bound to the name right now.
+  bool isBound(const std::string& endpoint) TESSEL_EXCLUDES(mutex_);
+
+ private:
+  InprocEndpoints() = default;
+  void forget(const std::string& endpoint) TESSEL_EXCLUDES(mutex_);
+
+  Mutex mutex_;
+  // Weak, so that a name costs nothing once no socket is connected to it.
+  std::unordered_map<std::string, std::weak_ptr<std::atomic<bool>>> connected_
+      TESSEL_GUARDED_BY(mutex_);
+  std::unordered_set<std::string> bound_ TESSEL_GUARDED_BY(mutex_);
+};
+
+}  // namespace tessel
+
+#endif

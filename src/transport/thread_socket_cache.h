@@ -1,0 +1,47 @@
+#ifndef TESSEL_SRC_TRANSPORT_THREAD_SOCKET_CACHE_H
+#define TESSEL_SRC_TRANSPORT_THREAD_SOCKET_CACHE_H
+
+#include <zmq.h>
+
+#include <cstddef>
+#include <string>
+#include <unordered_map>
+
+#include "transport/zmq_socket.h"
+
+namespace tessel {
+
+/// One thread's connected sockets of one type, by endpoint; made on first use, closed with the
+/// cache.
+class ThreadSocketCache {
+ public:
+  explicit ThreadSocketCache(int socketType);
+  ThreadSocketCache(const ThreadSocketCache&) = delete;
+  ThreadSocketCache& operator=(const ThreadSocketCache&) = delete;
+
+  /// The thread's socket for `endpoint`. A failed connect throws and keeps the unconnected socket,
+  /// so that later calls return it without trying again; nothing is kept when the socket itself
+  /// could not be made.
+  ZmqSocket& socketFor(const std::string& endpoint);
+  std::size_t size() const { return sockets_.size(); }
+
+ private:
+  const int socketType_;
+  std::unordered_map<std::string, ZmqSocket> sockets_;
+};
+
+/// The sockets of the calling thread, a cache for each use that application threads and workers
+/// have for them. They are closed when the thread ends, those of publishers first.
+struct ThreadSockets {
+  static ThreadSockets& ofThisThread();
+
+  // Destroyed in reverse order.
+  ThreadSocketCache registrations{ZMQ_PUSH};
+  ThreadSocketCache replies{ZMQ_DEALER};
+  ThreadSocketCache clients{ZMQ_REQ};
+  ThreadSocketCache publishers{ZMQ_PUSH};
+};
+
+}  // namespace tessel
+
+#endif

@@ -1,0 +1,81 @@
+#ifndef TESSEL_SRC_TRANSPORT_ZMQ_SOCKET_H
+#define TESSEL_SRC_TRANSPORT_ZMQ_SOCKET_H
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "transport/inproc_endpoints.h"
+#include "transport/zmq_frame.h"
+
+namespace tessel {
+
+/// One owned socket of the process's context, with linger 0; used by one thread at a time.
+/// What ZeroMQ refuses is thrown as std::runtime_error with its text; a time-out is no failure.
+class ZmqSocket {
+ public:
+  explicit ZmqSocket(int type);
+  ZmqSocket(int type, const std::string& endpoint);
+  ~ZmqSocket();
+  ZmqSocket(const ZmqSocket&) = delete;
+  ZmqSocket& operator=(const ZmqSocket&) = delete;
+
+  int type() const { return type_; }
+  const std::string& endpoint() const { return endpoint_; }
+  int receiveTimeout() const { return receiveTimeout_; }
+  void* handle() const { return handle_; }
+
+  void connect(const std::string& endpoint);
+  /// When this process has just closed a bound socket, waits up to 100 ms for an endpoint in use:
+  /// ZeroMQ closes in the background, and the name may be about to come free.
+  void bind(const std::string& endpoint);
+  /// Milliseconds; -1 waits for ever, and so does everything above the 32-bit range.
+  void setReceiveTimeout(std::int64_t milliseconds);
+  void setOption(int option, const void* value, std::size_t size);
+  void setOption(int option, int value) { setOption(option, &value, sizeof value); }
+  void setOption(int option, const std::string& value) {
+    setOption(option, value.data(), value.size());
+  }
+
+  /// True when sent, and the frame is then empty; false when that would have to wait.
+  bool send(ZmqFrame& frame, int flags);
+  bool send(std::shared_ptr<ZmqFrame>&& frame, int flags);
+  /// False on a time-out, or with ZMQ_DONTWAIT when nothing is there.
+  bool receive(ZmqFrame& frame, int flags);
+  bool receive(const std::shared_ptr<ZmqFrame>& frame, int flags);
+  /// Drops what is left of a message whose last frame read said that more would follow.
+  void discardPending();
+
+  /// Sends the first frame of a message: connects again first if the in-process peer has gone, and
+  /// waits without missing that when the queue is full. Throws when the connect had failed, since
+  /// nothing would ever take the message. The other frames follow with send().
+  void sendFirst(ZmqFrame& frame, int flags);
+  /// The same, but gives up, with false, when the queue is full and nobody in this process is
+  /// bound to the in-process endpoint any more: for those who must not wait for a newcomer.
+  bool sendFirstUnlessAbandoned(ZmqFrame& frame, int flags);
+
+  /// A new socket of the same type, time-out and endpoint. Other options are not kept.
+  void reconnect();
+  void close();
+
+ private:
+  void create();
+  void unbindAll();
+  bool tryBind(const std::string& endpoint);
+  void ensureConnected();
+  void waitWritable();
+
+  void* handle_ = nullptr;
+  int type_;
+  std::string endpoint_;
+  int receiveTimeout_ = -1;
+  int connectError_ = 0;                     // of the last connect; 0 when it succeeded
+  InprocEndpoints::ClosedFlag peerClosed_;   // null unless connected to an in-process endpoint
+  std::vector<std::string> boundEndpoints_;  // as ZeroMQ resolved them
+};
+
+}  // namespace tessel
+
+#endif

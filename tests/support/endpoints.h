@@ -1,0 +1,45 @@
+#ifndef TESSEL_TESTS_SUPPORT_ENDPOINTS_H
+#define TESSEL_TESTS_SUPPORT_ENDPOINTS_H
+
+#include <unistd.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <cstdlib>
+#include <stdexcept>
+#include <string>
+
+namespace tessel::test {
+
+/// An in-process name that nobody else uses.
+inline std::string uniqueInproc() {
+  static std::atomic<int> next{0};
+  return "inproc://test" + std::to_string(next.fetch_add(1));
+}
+
+/// A file-system name that nobody else uses, also in other processes.
+inline std::string uniqueIpc() {
+  static std::atomic<int> next{0};
+  const char* folder = std::getenv("TMPDIR");
+  return "ipc://" + std::string(folder == nullptr ? "/tmp" : folder) + "/tessel-test-" +
+         std::to_string(getpid()) + "-" + std::to_string(next.fetch_add(1));
+}
+
+/// A TCP endpoint on the loopback whose port was free a moment ago. The system hands such ports out
+/// in turn, so the next ones asked for are others.
+inline std::string freeTcp() {
+  void* context = zmq_ctx_new();
+  void* socket = zmq_socket(context, ZMQ_PULL);
+  char endpoint[64];
+  size_t size = sizeof endpoint;
+  const bool bound = zmq_bind(socket, "tcp://127.0.0.1:*") == 0 &&
+                     zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0;
+  zmq_close(socket);
+  zmq_ctx_term(context);  // returns when the port is free again
+  if (!bound) throw std::runtime_error("no free TCP port");
+  return endpoint;
+}
+
+}  // namespace tessel::test
+
+#endif
