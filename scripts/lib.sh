@@ -1,0 +1,93 @@
+# Sourced by the scripts beside it: where the project is, what it needs, how to say what happens.
+
+root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
+logs=$root/build/logs
+
+# Debian packages: to build everything, and to check it as well.
+build_packages=(ca-certificates cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
+  ninja-build pkg-config)
+check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev libclang-rt-14-dev)
+analysis_packages=("${check_packages[@]}" clang-tidy clang-tools-14 cppcheck)
+
+say() { printf '%s\n' "$*"; }
+
+die() {
+  printf '%s: %s\n' "$(basename "$0")" "$*" >&2
+  exit 1
+}
+
+# as_root COMMAND...: apt-get is the only one that needs it.
+as_root() {
+  if [ "$(id -u)" -eq 0 ]; then
+    "$@"
+  elif command -v sudo >/dev/null; then
+    sudo "$@"
+  else
+    die "need root or sudo for: $*"
+  fi
+}
+
+installed() {
+  [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
+}
+
+# install_packages NAME...: those that are missing; says nothing and asks nothing when none is.
+install_packages() {
+  local name missing=()
+  command -v dpkg-query >/dev/null || return 0 # not Debian: trust that the tools are there
+  for name in "$@"; do
+    installed "$name" || missing+=("$name")
+  done
+  [ ${#missing[@]} -eq 0 ] && return 0
+  say "installing: ${missing[*]}"
+  logged install_update as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update
+  logged install as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q install -y --no-install-recommends "${missing[@]}"
+}
+
+# logged NAME COMMAND...: keeps the output in build/logs; shows its end only when COMMAND fails.
+logged() {
+  local name=$1 status=0
+  shift
+  mkdir -p "$logs"
+  # Not in a condition: within one, bash would let a function go on after an error.
+  set +e
+  (
+    set -e
+    "$@"
+  ) >"$logs/$name.log" 2>&1
+  status=$?
+  set -e
+  [ "$status" -eq 0 ] && return 0
+  tail -n 60 "$logs/$name.log" >&2
+  say "FAILED: $name (all of it: build/logs/$name.log)" >&2
+  return "$status"
+}
+
+# How many compilers at a time.
+jobs() {
+  printf '%s' "${CMAKE_BUILD_PARALLEL_LEVEL:-$(nproc)}"
+}
+
+# fixed_addresses COMMAND...: the sanitizers of Debian 12 cannot place their shadow memory where the
+# kernel randomizes addresses by more than 28 bits.
+fixed_addresses() {
+  local bits=0
+  if [ -r /proc/sys/vm/mmap_rnd_bits ]; then bits=$(cat /proc/sys/vm/mmap_rnd_bits); fi
+  if [ "$bits" -gt 28 ] && setarch -R true 2>/dev/null; then
+    setarch -R "$@"
+  else
+    "$@"
+  fi
+}
+
+# build_preset NAME [CONFIGURE_OPTION...]
+build_preset() {
+  local preset=$1
+  shift
+  (
+    cd "$root"
+    logged "$preset-configure" cmake --preset "$preset" "$@"
+    logged "$preset-build" fixed_addresses cmake --build --preset "$preset" -j "$(jobs)"
+  )
+}
