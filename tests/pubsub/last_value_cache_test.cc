@@ -1,0 +1,127 @@
+#include "pubsub/last_value_cache.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+namespace tessel {
+namespace {
+
+using testing::UnorderedElementsAre;
+
+bool store(LastValueCache& cache, const std::string& key, const std::string& value) {
+  return cache.store(key, value.data(), value.size());
+}
+
+std::string kept(const LastValueCache& cache, const std::string& key) {
+  const LastValueCache::Value* value = cache.find(key);
+  return value == nullptr ? "(absent)" : std::string(value->begin(), value->end());
+}
+
+std::vector<std::string> keys(const LastValueCache& cache) {
+  std::vector<std::string> found;
+  cache.forEachKey([&](const std::string& key) { found.push_back(key); });
+  return found;
+}
+
+TEST(LastValueCache, IsEmptyAtFirst) {
+  const LastValueCache cache;
+  EXPECT_EQ(cache.size(), 0U);
+  EXPECT_EQ(cache.find("a:b"), nullptr);
+  EXPECT_TRUE(keys(cache).empty());
+}
+
+TEST(LastValueCache, KeepsTheLastValueOfEachKey) {
+  LastValueCache cache;
+  EXPECT_TRUE(store(cache, "a:b", "one"));
+  EXPECT_TRUE(store(cache, "a:c", "two"));
+  EXPECT_TRUE(store(cache, "a:b", "three"));
+  EXPECT_EQ(kept(cache, "a:b"), "three");
+  EXPECT_EQ(kept(cache, "a:c"), "two");
+  EXPECT_EQ(cache.size(), 2U);
+}
+
+TEST(LastValueCache, KeepsACopyOfTheBytes) {
+  LastValueCache cache;
+  std::string value = "one";
+  store(cache, "a:b", value);
+  value[0] = 'X';
+  EXPECT_EQ(kept(cache, "a:b"), "one");
+  value = "two";
+  store(cache, "a:b", value);
+  value[0] = 'X';
+  EXPECT_EQ(kept(cache, "a:b"), "two");
+}
+
+TEST(LastValueCache, KnowsARepeatByItsBytes) {
+  LastValueCache cache;
+  store(cache, "a:b", std::string("a\0b", 3));
+  EXPECT_FALSE(store(cache, "a:b", std::string("a\0b", 3)));
+  EXPECT_FALSE(store(cache, "a:b", std::string("a\0b", 3)));
+  EXPECT_TRUE(store(cache, "a:b", std::string("a\0c", 3)));  // differs behind the NUL
+  EXPECT_TRUE(store(cache, "a:b", std::string("a\0", 2)));   // is shorter
+  EXPECT_TRUE(store(cache, "a:b", std::string("a\0c", 3)));  // is longer
+  EXPECT_TRUE(store(cache, "a:b", std::string("b\0c", 3)));  // differs at once
+  EXPECT_EQ(kept(cache, "a:b"), std::string("b\0c", 3));
+}
+
+TEST(LastValueCache, KeepsAnEmptyValueAsAValue) {
+  LastValueCache cache;
+  EXPECT_TRUE(cache.store("a:b", nullptr, 0));
+  EXPECT_FALSE(cache.store("a:b", nullptr, 0));
+  EXPECT_FALSE(store(cache, "a:b", ""));
+  ASSERT_NE(cache.find("a:b"), nullptr);
+  EXPECT_TRUE(cache.find("a:b")->empty());
+  EXPECT_TRUE(store(cache, "a:b", "x"));
+  EXPECT_TRUE(store(cache, "a:b", ""));
+  EXPECT_TRUE(cache.find("a:b")->empty());
+}
+
+TEST(LastValueCache, TellsKeysApartByAllTheirBytes) {
+  LastValueCache cache;
+  store(cache, "", "empty");
+  store(cache, ":", "colon");
+  store(cache, "a:b", "short");
+  store(cache, std::string("a:b\0", 4), "long");
+  EXPECT_EQ(kept(cache, ""), "empty");
+  EXPECT_EQ(kept(cache, ":"), "colon");
+  EXPECT_EQ(kept(cache, "a:b"), "short");
+  EXPECT_EQ(kept(cache, std::string("a:b\0", 4)), "long");
+  EXPECT_EQ(kept(cache, "a:"), "(absent)");
+}
+
+TEST(LastValueCache, ErasesOneKeyAndSaysWhetherItWasThere) {
+  LastValueCache cache;
+  store(cache, "a:b", "one");
+  store(cache, "a:c", "two");
+  EXPECT_TRUE(cache.erase("a:b"));
+  EXPECT_FALSE(cache.erase("a:b"));
+  EXPECT_FALSE(cache.erase("never"));
+  EXPECT_EQ(cache.find("a:b"), nullptr);
+  EXPECT_EQ(kept(cache, "a:c"), "two");
+  EXPECT_TRUE(store(cache, "a:b", "one"));  // no repeat: it had been forgotten
+}
+
+TEST(LastValueCache, NamesEachKeyOnce) {
+  LastValueCache cache;
+  store(cache, "a:b", "one");
+  store(cache, "a:c", "two");
+  store(cache, "a:b", "three");
+  EXPECT_THAT(keys(cache), UnorderedElementsAre("a:b", "a:c"));
+}
+
+TEST(LastValueCache, ForgetsEverythingWhenCleared) {
+  LastValueCache cache;
+  for (int i = 0; i < 1000; ++i) store(cache, std::to_string(i), "value");
+  EXPECT_EQ(cache.size(), 1000U);
+  cache.clear();
+  EXPECT_EQ(cache.size(), 0U);
+  EXPECT_EQ(cache.find("1"), nullptr);
+  EXPECT_TRUE(store(cache, "1", "value"));
+  EXPECT_EQ(kept(cache, "1"), "value");
+}
+
+}  // namespace
+}  // namespace tessel
