@@ -7,7 +7,11 @@
 #include "tessel/message_broker.h"
 #include "tessel/message_dispatcher.h"
 #include "tessel/publisher.h"
+#include "tessel/rpc_broker.h"
+#include "tessel/rpc_client.h"
+#include "tessel/rpc_dispatcher.h"
 #include "tessel/rpc_error.h"
+#include "tessel/service.h"
 #include "tessel/version.h"
 
 #endif

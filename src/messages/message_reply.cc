@@ -6,6 +6,16 @@
 #include "tessel/rpc_error.h"
 
 namespace tessel {
+namespace {
+
+constexpr std::size_t kTakeOverFrom = 4096;  // bytes
+
+ZmqFrame frameOf(std::unique_ptr<std::uint8_t[]>&& data, std::size_t size) {
+  if (data == nullptr) return ZmqFrame();
+  return size < kTakeOverFrom ? ZmqFrame(data.get(), size) : ZmqFrame(std::move(data), size);
+}
+
+}  // namespace
 
 MessageReply::MessageReply() : MessageBase(kMessageReply) {}
 
@@ -24,6 +34,10 @@ MessageReply::MessageReply(MessageRequest& request, std::int32_t status, ZmqFram
 
 MessageReply::MessageReply(MessageRequest& request, const void* data, std::size_t size)
     : MessageReply(request, kReplySuccess, ZmqFrame(data, size)) {}
+
+MessageReply::MessageReply(MessageRequest& request, std::unique_ptr<std::uint8_t[]>&& data,
+                           std::size_t size)
+    : MessageReply(request, kReplySuccess, frameOf(std::move(data), size)) {}
 
 MessageReply::MessageReply(MessageRequest& request, const rpc_custom_error& error)
     : MessageReply(request, kReplyCustomError, ZmqFrame(error.data(), error.size())) {}

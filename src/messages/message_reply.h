@@ -31,6 +31,9 @@ class MessageReply : public MessageBase {
   explicit MessageReply(MessageHeader&& header);
   /// A success, with a copy of the result.
   MessageReply(MessageRequest& request, const void* data, std::size_t size);
+  /// A success that takes over a large result and copies a small one, which costs less. Without a
+  /// buffer the result is empty, whatever its size is said to be.
+  MessageReply(MessageRequest& request, std::unique_ptr<std::uint8_t[]>&& data, std::size_t size);
   /// The service's own error, with a copy of its bytes.
   MessageReply(MessageRequest& request, const rpc_custom_error& error);
   /// Any other end; the text is not copied.

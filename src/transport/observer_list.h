@@ -38,6 +38,17 @@ class ObserverList {
     observers_.clear();
   }
 
+  /// Those that are alive, in order, for calls without the lock.
+  std::vector<std::shared_ptr<Observer>> snapshot() TESSEL_EXCLUDES(mutex_) {
+    std::vector<std::shared_ptr<Observer>> alive;
+    const Lock lock(mutex_);
+    alive.reserve(observers_.size());
+    for (const std::weak_ptr<Observer>& entry : observers_) {
+      if (std::shared_ptr<Observer> observer = entry.lock()) alive.push_back(std::move(observer));
+    }
+    return alive;
+  }
+
   /// Calls `call(observer)` for each in order. The lock is held meanwhile, so that attach() and
   /// detach() of other threads wait until the pass is over; observers may not call them.
   template <typename Call>

@@ -1,5 +1,6 @@
 #include "transport/thread_socket_cache.h"
 
+#include <iterator>
 #include <memory>
 
 #include "transport/thread_slot.h"
@@ -19,16 +20,27 @@ void TESSEL_THREAD_EXIT_CALL closeThreadSockets(void* sockets) {
 
 }  // namespace
 
-ThreadSocketCache::ThreadSocketCache(int socketType) : socketType_(socketType), sockets_(8) {
+ThreadSocketCache::ThreadSocketCache(int socketType, SendLimit sendLimit)
+    : socketType_(socketType), sendLimit_(sendLimit), sockets_(8) {
   sockets_.max_load_factor(1.0F);
 }
 
 ZmqSocket& ThreadSocketCache::socketFor(const std::string& endpoint) {
   const auto known = sockets_.find(endpoint);
   if (known != sockets_.end()) return known->second;
+  dropDeadSockets();
   ZmqSocket& socket = sockets_.try_emplace(endpoint, socketType_).first->second;
+  if (sendLimit_ == SendLimit::kNone) socket.liftSendLimit();
   socket.connect(endpoint);
   return socket;
+}
+
+// A thread that lives long may see many brokers of its process come and go. What was sent to those
+// is lost, and whoever asks for their endpoint again gets a fresh socket.
+void ThreadSocketCache::dropDeadSockets() {
+  for (auto entry = sockets_.begin(); entry != sockets_.end();) {
+    entry = entry->second.peerGone() ? sockets_.erase(entry) : std::next(entry);
+  }
 }
 
 ThreadSockets& ThreadSockets::ofThisThread() {

@@ -15,7 +15,8 @@ namespace tessel {
 /// cache.
 class ThreadSocketCache {
  public:
-  explicit ThreadSocketCache(int socketType);
+  enum class SendLimit { kDefault, kNone };
+  explicit ThreadSocketCache(int socketType, SendLimit sendLimit = SendLimit::kDefault);
   ThreadSocketCache(const ThreadSocketCache&) = delete;
   ThreadSocketCache& operator=(const ThreadSocketCache&) = delete;
 
@@ -26,7 +27,10 @@ class ThreadSocketCache {
   std::size_t size() const { return sockets_.size(); }
 
  private:
+  void dropDeadSockets();
+
   const int socketType_;
+  const SendLimit sendLimit_;
   std::unordered_map<std::string, ZmqSocket> sockets_;
 };
 
@@ -37,7 +41,7 @@ struct ThreadSockets {
 
   // Destroyed in reverse order.
   ThreadSocketCache registrations{ZMQ_PUSH};
-  ThreadSocketCache replies{ZMQ_DEALER};
+  ThreadSocketCache replies{ZMQ_DEALER, ThreadSocketCache::SendLimit::kNone};
   ThreadSocketCache clients{ZMQ_REQ};
   ThreadSocketCache publishers{ZMQ_PUSH};
 };

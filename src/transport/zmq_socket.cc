@@ -17,19 +17,44 @@ namespace {
 
 using Clock = std::chrono::steady_clock;
 
-constexpr std::chrono::milliseconds kRecentClose{1000};
-constexpr std::chrono::milliseconds kBindPatience{100};
-constexpr std::chrono::milliseconds kBindInterval{1};
+// ZeroMQ closes in the background: for a moment after a close, the place among the sockets of the
+// context, and the endpoint if it was bound, are still taken.
+constexpr std::chrono::milliseconds kRecently{1000};
+constexpr std::chrono::milliseconds kInsistence{100};
+constexpr std::chrono::milliseconds kInterval{1};
+
 // How often a sender that waits looks whether its in-process peer has gone meanwhile.
 constexpr long kSendPollMilliseconds = 20;
 
-// When this process last closed a bound socket, in ticks of the clock.
-std::atomic<Clock::rep> lastBoundClose{std::numeric_limits<Clock::rep>::min()};
+// When something was last closed in this process.
+class CloseTime {
+ public:
+  void note() { ticks_ = Clock::now().time_since_epoch().count(); }
+  bool isRecent() const {
+    const Clock::rep ticks = ticks_;
+    return ticks != kNever && Clock::now() - Clock::time_point(Clock::duration(ticks)) < kRecently;
+  }
 
-bool closedRecently(Clock::time_point now) {
-  const Clock::rep closed = lastBoundClose.load();
-  return closed != std::numeric_limits<Clock::rep>::min() &&
-         now - Clock::time_point(Clock::duration(closed)) < kRecentClose;
+ private:
+  static constexpr Clock::rep kNever = std::numeric_limits<Clock::rep>::min();
+  std::atomic<Clock::rep> ticks_{kNever};
+};
+
+CloseTime lastClose;
+CloseTime lastCloseOfBound;
+
+// Attempts until it succeeds; throws ZeroMQ's error, unless it is the one that a close on its way
+// explains: then only when that does not come to its end.
+template <typename Attempt>
+void insist(int explained, const CloseTime& closed, const Attempt& attempt) {
+  const Clock::time_point begun = Clock::now();
+  while (!attempt()) {
+    const int error = zmq_errno();
+    if (error != explained || !closed.isRecent() || Clock::now() - begun >= kInsistence) {
+      throwZmqError(error);
+    }
+    std::this_thread::sleep_for(kInterval);
+  }
 }
 
 }  // namespace
@@ -42,11 +67,14 @@ ZmqSocket::~ZmqSocket() { close(); }
 
 void ZmqSocket::create() {
   close();
-  handle_ = zmq_socket(ZmqContext::handle(), type_);
-  if (handle_ == nullptr) throwZmqError();
+  insist(EMFILE, lastClose, [this] {
+    handle_ = zmq_socket(ZmqContext::handle(), type_);
+    return handle_ != nullptr;
+  });
   try {
     setOption(ZMQ_LINGER, 0);
     setOption(ZMQ_RCVTIMEO, receiveTimeout_);
+    if (sendLimitLifted_) setOption(ZMQ_SNDHWM, 0);
   } catch (...) {
     close();  // the constructor has not finished, so no destructor would
     throw;
@@ -70,15 +98,7 @@ void ZmqSocket::connect(const std::string& endpoint) {
 }
 
 void ZmqSocket::bind(const std::string& endpoint) {
-  const Clock::time_point begun = Clock::now();
-  while (!tryBind(endpoint)) {
-    const int error = zmq_errno();
-    const Clock::time_point now = Clock::now();
-    if (error != EADDRINUSE || !closedRecently(now) || now - begun >= kBindPatience) {
-      throwZmqError(error);
-    }
-    std::this_thread::sleep_for(kBindInterval);
-  }
+  insist(EADDRINUSE, lastCloseOfBound, [&] { return tryBind(endpoint); });
 }
 
 bool ZmqSocket::tryBind(const std::string& endpoint) {
@@ -99,10 +119,17 @@ bool ZmqSocket::tryBind(const std::string& endpoint) {
 }
 
 void ZmqSocket::setReceiveTimeout(std::int64_t milliseconds) {
-  receiveTimeout_ = milliseconds > std::numeric_limits<std::int32_t>::max()
-                        ? -1
-                        : static_cast<std::int32_t>(milliseconds);
-  setOption(ZMQ_RCVTIMEO, receiveTimeout_);
+  const int timeout = milliseconds > std::numeric_limits<std::int32_t>::max()
+                          ? -1
+                          : static_cast<std::int32_t>(milliseconds);
+  if (timeout == receiveTimeout_) return;  // callers set it before each call
+  setOption(ZMQ_RCVTIMEO, timeout);
+  receiveTimeout_ = timeout;
+}
+
+void ZmqSocket::liftSendLimit() {
+  setOption(ZMQ_SNDHWM, 0);
+  sendLimitLifted_ = true;
 }
 
 void ZmqSocket::setOption(int option, const void* value, std::size_t size) {
@@ -145,12 +172,24 @@ void ZmqSocket::discardPending() {
 
 void ZmqSocket::ensureConnected() {
   if (connectError_ != 0) throwZmqError(connectError_);
-  if (peerClosed_ != nullptr && peerClosed_->load(std::memory_order_acquire)) reconnect();
+  if (peerGone()) reconnect();
+}
+
+bool ZmqSocket::peerGone() const {
+  return peerClosed_ != nullptr && peerClosed_->load(std::memory_order_acquire);
+}
+
+bool ZmqSocket::sendFirstNow(ZmqFrame& frame, int flags) {
+  if (zmq_msg_send(frame.raw(), handle_, flags | ZMQ_DONTWAIT) >= 0) return true;
+  if (zmq_errno() == EAGAIN) return false;
+  if (zmq_errno() != EFSM) throwZmqError();
+  reconnect();  // a request socket whose last call was interrupted before its reply
+  return send(frame, flags | ZMQ_DONTWAIT);
 }
 
 void ZmqSocket::sendFirst(ZmqFrame& frame, int flags) {
   ensureConnected();
-  while (!send(frame, flags | ZMQ_DONTWAIT)) {
+  while (!sendFirstNow(frame, flags)) {
     waitWritable();
     ensureConnected();
   }
@@ -158,7 +197,7 @@ void ZmqSocket::sendFirst(ZmqFrame& frame, int flags) {
 
 bool ZmqSocket::sendFirstUnlessAbandoned(ZmqFrame& frame, int flags) {
   ensureConnected();
-  while (!send(frame, flags | ZMQ_DONTWAIT)) {
+  while (!sendFirstNow(frame, flags)) {
     if (peerClosed_ != nullptr && !InprocEndpoints::instance().isBound(endpoint_)) return false;
     waitWritable();
     ensureConnected();
@@ -174,6 +213,11 @@ void ZmqSocket::waitWritable() {
 void ZmqSocket::reconnect() {
   create();
   connect(endpoint_);
+}
+
+void ZmqSocket::releaseOrphans(const std::string& endpoint) {
+  ZmqSocket taker(ZMQ_ROUTER);
+  taker.tryBind(endpoint);  // takes them over; closing it ends them
 }
 
 void ZmqSocket::unbindAll() {
@@ -195,7 +239,8 @@ void ZmqSocket::close() {
   unbindAll();
   zmq_close(handle_);
   handle_ = nullptr;
-  if (wasBound) lastBoundClose.store(Clock::now().time_since_epoch().count());
+  lastClose.note();
+  if (wasBound) lastCloseOfBound.note();
 }
 
 }  // namespace tessel

@@ -16,6 +16,8 @@ namespace tessel {
 /// What ZeroMQ refuses is thrown as std::runtime_error with its text; a time-out is no failure.
 class ZmqSocket {
  public:
+  /// When this process has just closed a socket and has none left, waits up to 100 ms for its
+  /// place: ZeroMQ closes in the background.
   explicit ZmqSocket(int type);
   ZmqSocket(int type, const std::string& endpoint);
   ~ZmqSocket();
@@ -28,11 +30,12 @@ class ZmqSocket {
   void* handle() const { return handle_; }
 
   void connect(const std::string& endpoint);
-  /// When this process has just closed a bound socket, waits up to 100 ms for an endpoint in use:
-  /// ZeroMQ closes in the background, and the name may be about to come free.
+  /// When this process has just closed a bound socket, waits up to 100 ms for an endpoint in use.
   void bind(const std::string& endpoint);
   /// Milliseconds; -1 waits for ever, and so does everything above the 32-bit range.
   void setReceiveTimeout(std::int64_t milliseconds);
+  /// Queues what is sent without a limit, also after a reconnect. Before connect().
+  void liftSendLimit();
   void setOption(int option, const void* value, std::size_t size);
   void setOption(int option, int value) { setOption(option, &value, sizeof value); }
   void setOption(int option, const std::string& value) {
@@ -56,21 +59,30 @@ class ZmqSocket {
   /// bound to the in-process endpoint any more: for those who must not wait for a newcomer.
   bool sendFirstUnlessAbandoned(ZmqFrame& frame, int flags);
 
-  /// A new socket of the same type, time-out and endpoint. Other options are not kept.
+  /// A new socket of the same type, time-out, send limit and endpoint. Other options are not kept.
   void reconnect();
+  /// Whether the in-process endpoint was closed since the connect: what was sent there is lost.
+  bool peerGone() const;
   void close();
+
+  /// Lets go of the closed sockets that were connected to an in-process endpoint which nobody has
+  /// bound: ZeroMQ keeps them, and their places among the 1023 of a context, until somebody does.
+  /// Does nothing when somebody has.
+  static void releaseOrphans(const std::string& endpoint);
 
  private:
   void create();
   void unbindAll();
   bool tryBind(const std::string& endpoint);
   void ensureConnected();
+  bool sendFirstNow(ZmqFrame& frame, int flags);
   void waitWritable();
 
   void* handle_ = nullptr;
   int type_;
   std::string endpoint_;
   int receiveTimeout_ = -1;
+  bool sendLimitLifted_ = false;
   int connectError_ = 0;                     // of the last connect; 0 when it succeeded
   InprocEndpoints::ClosedFlag peerClosed_;   // null unless connected to an in-process endpoint
   std::vector<std::string> boundEndpoints_;  // as ZeroMQ resolved them

@@ -1,0 +1,305 @@
+#include "rpc/rpc_broker_impl.h"
+
+#include <zmq.h>
+
+#include <cstdlib>
+#include <stdexcept>
+#include <system_error>
+#include <utility>
+
+#include "messages/message_registration.h"
+#include "messages/message_reply.h"
+#include "rpc/rpc_request_impl.h"
+#include "rpc/service_call.h"
+#include "transport/thread_socket_cache.h"
+
+namespace tessel {
+namespace {
+
+std::atomic<std::uint64_t> nextBroker{0};
+
+const std::string& kRouterEndpoint = *new std::string("inproc://rpc_reply_in_");
+
+constexpr int kNoHighWaterMark = 0;
+
+const std::vector<std::uint8_t> kNoIdentity;
+
+const std::string& onlyTransport(const std::vector<std::string>& transports) {
+  if (transports.size() != 1) {
+    throw std::logic_error("only one transport is allowed in slave mode!");
+  }
+  return transports.front();
+}
+
+// Peers are trusted not to send what has no business here; going on would mean to guess.
+[[noreturn]] void throwUnexpected() { throw std::logic_error("this should not happen"); }
+
+}  // namespace
+
+RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transports,
+                             std::shared_ptr<RpcDispatcher> dispatcher)
+    : master_(master),
+      id_(nextBroker.fetch_add(1)),
+      routerEndpoint_(master ? kRouterEndpoint + std::to_string(id_) : onlyTransport(transports)),
+      internalEndpoint_("inproc://rpc_broker_internal_" + std::to_string(id_)),
+      mainSocket_(master ? ZMQ_ROUTER : ZMQ_DEALER),
+      internalSocket_(ZMQ_PULL),
+      poll_(master
+                ? PollSet{stopEvent_.pollHandle(), mainSocket_.handle()}
+                : PollSet{stopEvent_.pollHandle(), mainSocket_.handle(), internalSocket_.handle()}),
+      dispatcher_(std::move(dispatcher)),
+      observers_(std::make_shared<ObserverData>()) {
+  if (master_) {
+    for (const std::string& transport : transports) mainSocket_.bind(transport);
+    mainSocket_.bind(routerEndpoint_);
+    return;
+  }
+  mainSocket_.setOption(ZMQ_SNDHWM, kNoHighWaterMark);  // announcements wait for the master
+  mainSocket_.connect(routerEndpoint_);
+  internalSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);  // registering never waits
+  internalSocket_.bind(internalEndpoint_);
+}
+
+RpcBrokerImpl::~RpcBrokerImpl() { stop(false, false); }
+
+bool RpcBrokerImpl::isRetired(const std::string& endpoint) {
+  if (endpoint.compare(0, kRouterEndpoint.size(), kRouterEndpoint) != 0) return false;
+  const std::uint64_t id = std::strtoull(endpoint.c_str() + kRouterEndpoint.size(), nullptr, 10);
+  return id < nextBroker && !InprocEndpoints::instance().isBound(endpoint);
+}
+
+void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
+  const Lock lock(registryMutex_);
+  const ServiceKey key(service->getServiceName(), service->getInstanceName());
+  if (!services_.emplace(key, service).second) {
+    throw std::logic_error("service already registered");
+  }
+  announceFromThisThread(*service, Announce::kOffer);
+  observers_->notify([&](RpcBrokerObserver& observer) {
+    observer.onServiceRegistered(key.first, key.second, true, kNoIdentity);
+  });
+}
+
+void RpcBrokerImpl::unregisterService(const std::shared_ptr<Service>& service) {
+  const ServiceKey key(service->getServiceName(), service->getInstanceName());
+  Services::node_type released;  // after the lock: its destructor may call the broker
+  const Lock lock(registryMutex_);
+  observers_->notify([&](RpcBrokerObserver& observer) {
+    observer.onServiceUnregistered(key.first, key.second, true, kNoIdentity);
+  });
+  announceFromThisThread(*service, Announce::kWithdraw);
+  released = services_.extract(key);
+}
+
+// By the thread's own socket: the one to the master is the broker thread's.
+void RpcBrokerImpl::announceFromThisThread(const Service& service, Announce what) {
+  if (master_ || !serving_) return;
+  MessageRegistration message(what == Announce::kOffer, service.getServiceName(),
+                              service.getInstanceName());
+  message.send(ThreadSockets::ofThisThread().registrations.socketFor(internalEndpoint_));
+}
+
+std::shared_ptr<Service> RpcBrokerImpl::findLocalService(const std::string& service,
+                                                         const std::string& instance) {
+  const Lock lock(registryMutex_);
+  if (!serving_) return nullptr;
+  const auto entry = services_.find(ServiceKeyView(service, instance));
+  return entry == services_.end() ? nullptr : entry->second;
+}
+
+RpcBrokerImpl::ServiceKeys RpcBrokerImpl::openRegistry() {
+  ServiceKeys announced;
+  const Lock lock(registryMutex_);
+  for (const auto& entry : services_) announced.push_back(entry.first);
+  serving_ = true;
+  return announced;
+}
+
+void RpcBrokerImpl::closeRegistry() {
+  const Lock lock(registryMutex_);
+  if (!serving_) return;
+  withdrawn_.clear();
+  for (const auto& entry : services_) withdrawn_.push_back(entry.first);
+  serving_ = false;
+}
+
+void RpcBrokerImpl::start() {
+  const Lock lock(lifecycleMutex_);
+  if (thread_.joinable()) return;
+  dispatcher_->start();
+  stopRequested_ = false;
+  try {
+    thread_ = std::thread([this, announced = openRegistry()] { run(announced); });
+  } catch (...) {
+    closeRegistry();
+    dispatcher_->stop();
+    throw;
+  }
+}
+
+void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
+  if (threadId_ == std::this_thread::get_id()) {
+    // Without the lock: another thread may hold it, waiting for this one to end.
+    stopRequested_ = true;
+    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+  }
+  Services released;  // after the locks: their destructors may call the broker
+  const Lock lock(lifecycleMutex_);
+  if (!thread_.joinable()) return;
+  closeRegistry();
+  joinThread();
+  dispatcher_->stop();
+  if (clearServices) {
+    const Lock registryLock(registryMutex_);
+    released.swap(services_);
+    remoteServices_.clear();
+  }
+  if (clearObservers) observers_->clear();
+}
+
+void RpcBrokerImpl::joinThread() {
+  stopRequested_ = true;
+  stopEvent_.signal();
+  thread_.join();
+  stopEvent_.consume();  // here, since the loop may have ended by the flag without it
+}
+
+void RpcBrokerImpl::run(const ServiceKeys& announced) {
+  threadId_ = std::this_thread::get_id();
+  if (!master_) announce(announced, Announce::kOffer);
+  while (serveOnce()) {
+  }
+  if (!master_) leave();
+  threadId_ = std::thread::id();
+}
+
+// What other threads have registered goes first, so that nothing of it comes after its withdrawal
+// or is still there at the next start.
+void RpcBrokerImpl::leave() {
+  closeRegistry();  // unless stop() has
+  while (serveInternal()) {
+  }
+  ServiceKeys withdrawn;
+  {
+    const Lock lock(registryMutex_);
+    withdrawn.swap(withdrawn_);
+  }
+  announce(withdrawn, Announce::kWithdraw);
+}
+
+void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {
+  for (const ServiceKey& key : services) {
+    MessageRegistration(what == Announce::kOffer, key.first, key.second).send(mainSocket_);
+  }
+}
+
+bool RpcBrokerImpl::serveOnce() {
+  if (stopRequested_) return false;
+  if (idle_) poll_.wait();  // only when nothing waits: a poll costs several system calls
+  if (stopRequested_) return false;
+  const bool main = serveMain();
+  const bool internal = !master_ && serveInternal();
+  idle_ = !main && !internal;
+  return true;
+}
+
+bool RpcBrokerImpl::serveMain() {
+  MessageHeader header;
+  switch (readMessageHeader(mainSocket_, header, ZMQ_DONTWAIT)) {
+    case HeaderRead::kNothing:
+      return false;
+    case HeaderRead::kMalformed:
+      return true;
+    case HeaderRead::kRead:
+      break;
+  }
+  if (header.type == kMessageRequest) {
+    serveRequest(std::move(header));
+  } else if (header.type == kMessageReply && master_) {
+    serveReply(std::move(header));
+  } else if (header.type == kMessageRegistration && master_) {
+    serveRegistration(std::move(header));
+  } else {
+    throwUnexpected();
+  }
+  return true;
+}
+
+void RpcBrokerImpl::serveRequest(MessageHeader&& header) {
+  const auto request = std::make_shared<MessageRequest>(std::move(header));
+  if (!request->receive(mainSocket_)) return;
+  const ServiceKeyView key(request->serviceName(), request->instanceName());
+  std::weak_ptr<Service> service;
+  bool found = false;
+  {
+    const Lock lock(registryMutex_);
+    const auto entry = services_.find(key);
+    found = entry != services_.end();
+    if (found) service = entry->second;
+  }
+  if (found) {
+    dispatcher_->submit(
+        std::make_shared<RpcRequestImpl>(observers_, std::move(service), request, routerEndpoint_));
+    return;
+  }
+  const auto slave = remoteServices_.find(key);  // empty in a slave
+  if (slave == remoteServices_.end()) {
+    answerNotFound(*request);
+    return;
+  }
+  request->insertEnvelopeFront(ZmqFrame(slave->second));
+  request->send(mainSocket_);
+}
+
+void RpcBrokerImpl::answerNotFound(MessageRequest& request) {
+  observers_->notify([&](RpcBrokerObserver& observer) {
+    observer.onReply(request.serviceName(), request.instanceName(), request.methodName(),
+                     kReplyBrokerError, kServiceNotFound, observedSize(kServiceNotFound));
+  });
+  MessageReply(request, kReplyBrokerError,
+               serviceNotFoundText(request.serviceName(), request.instanceName()))
+      .send(mainSocket_);
+}
+
+// From a worker or a slave; behind its identity stands that of the client.
+void RpcBrokerImpl::serveReply(MessageHeader&& header) {
+  MessageReply reply(std::move(header));
+  if (!reply.receive(mainSocket_)) return;
+  reply.removeEnvelopeFront();
+  reply.send(mainSocket_);
+}
+
+void RpcBrokerImpl::serveRegistration(MessageHeader&& header) {
+  MessageRegistration registration(std::move(header));
+  if (!registration.receive(mainSocket_)) return;
+  const ServiceKey key(registration.serviceName(), registration.instanceName());
+  const std::vector<std::uint8_t> slave = registration.senderIdentity();
+  if (registration.registered()) {
+    remoteServices_[key] = slave;
+    observers_->notify([&](RpcBrokerObserver& observer) {
+      observer.onServiceRegistered(key.first, key.second, false, slave);
+    });
+  } else if (remoteServices_.erase(key) != 0) {  // whichever slave has it
+    observers_->notify([&](RpcBrokerObserver& observer) {
+      observer.onServiceUnregistered(key.first, key.second, false, slave);
+    });
+  }
+}
+
+bool RpcBrokerImpl::serveInternal() {
+  MessageHeader header;
+  switch (readMessageHeader(internalSocket_, header, ZMQ_DONTWAIT)) {
+    case HeaderRead::kNothing:
+      return false;
+    case HeaderRead::kMalformed:
+      return true;
+    case HeaderRead::kRead:
+      break;
+  }
+  if (header.type != kMessageRegistration) throwUnexpected();
+  MessageRegistration registration(std::move(header));
+  if (registration.receive(internalSocket_)) registration.send(mainSocket_);
+  return true;
+}
+
+}  // namespace tessel

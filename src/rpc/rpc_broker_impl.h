@@ -1,0 +1,109 @@
+#ifndef TESSEL_SRC_RPC_RPC_BROKER_IMPL_H
+#define TESSEL_SRC_RPC_RPC_BROKER_IMPL_H
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "messages/message_header.h"
+#include "messages/message_request.h"
+#include "rpc/observer_data.h"
+#include "rpc/service_key.h"
+#include "tessel/rpc_dispatcher.h"
+#include "tessel/service.h"
+#include "transport/mutex.h"
+#include "transport/poll_set.h"
+#include "transport/zmq_event.h"
+#include "transport/zmq_socket.h"
+
+namespace tessel {
+
+/// The broker behind the front: its sockets, registries and observers, and the thread that routes.
+///
+/// Starting and stopping have a lock of their own, apart from that of the registry: a stop waits
+/// for the broker thread and for the workers, and both look services up and register them.
+class RpcBrokerImpl {
+ public:
+  RpcBrokerImpl(bool master, const std::vector<std::string>& transports,
+                std::shared_ptr<RpcDispatcher> dispatcher);
+  ~RpcBrokerImpl();
+  RpcBrokerImpl(const RpcBrokerImpl&) = delete;
+  RpcBrokerImpl& operator=(const RpcBrokerImpl&) = delete;
+
+  void registerService(const std::shared_ptr<Service>& service) TESSEL_EXCLUDES(registryMutex_);
+  void unregisterService(const std::shared_ptr<Service>& service) TESSEL_EXCLUDES(registryMutex_);
+  void attach(const std::shared_ptr<RpcBrokerObserver>& observer) { observers_->attach(observer); }
+  void detach(const std::shared_ptr<RpcBrokerObserver>& observer) { observers_->detach(observer); }
+  void start() TESSEL_EXCLUDES(lifecycleMutex_, registryMutex_);
+  void stop(bool clearServices, bool clearObservers)
+      TESSEL_EXCLUDES(lifecycleMutex_, registryMutex_);
+
+  /// Where clients of this process connect.
+  const std::string& clientEndpoint() const { return routerEndpoint_; }
+  /// Whether this is the numbered endpoint of a master that has gone: nobody will bind it again.
+  static bool isRetired(const std::string& endpoint);
+  /// Null when the service is not registered here, or the broker does not run.
+  std::shared_ptr<Service> findLocalService(const std::string& service, const std::string& instance)
+      TESSEL_EXCLUDES(registryMutex_);
+  std::shared_ptr<ObserverData> observerData() const { return observers_; }
+
+  /// One pass of the broker's loop: at most one message of each socket. False once it is to stop.
+  bool serveOnce();
+
+ private:
+  using ServiceKeys = std::vector<ServiceKey>;
+  using Services = std::map<ServiceKey, std::shared_ptr<Service>, ServiceKeyLess>;
+  enum class Announce { kOffer, kWithdraw };
+
+  void run(const ServiceKeys& announced);
+  void leave() TESSEL_EXCLUDES(registryMutex_);
+  bool serveMain();
+  bool serveInternal();
+  void serveRequest(MessageHeader&& header) TESSEL_EXCLUDES(registryMutex_);
+  void serveReply(MessageHeader&& header);
+  void serveRegistration(MessageHeader&& header);
+  void answerNotFound(MessageRequest& request);
+  void announce(const ServiceKeys& services, Announce what);
+  void announceFromThisThread(const Service& service, Announce what)
+      TESSEL_REQUIRES(registryMutex_);
+  ServiceKeys openRegistry() TESSEL_EXCLUDES(registryMutex_);
+  void closeRegistry() TESSEL_EXCLUDES(registryMutex_);
+  void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
+
+  const bool master_;
+  const std::uint64_t id_;
+  const std::string routerEndpoint_;
+  const std::string internalEndpoint_;
+
+  // The broker thread's own; others touch them only before start() or after the join.
+  ZmqSocket mainSocket_;
+  ZmqSocket internalSocket_;
+  std::map<ServiceKey, std::vector<std::uint8_t>, ServiceKeyLess> remoteServices_;
+  bool idle_ = true;  // the last pass found nothing to read
+
+  Mutex lifecycleMutex_;  // orders start() and stop(); taken before the registry's lock
+  std::thread thread_ TESSEL_GUARDED_BY(lifecycleMutex_);  // joinable until a stop() has joined it
+  std::atomic<std::thread::id> threadId_{};                // set by the broker thread while it runs
+  std::atomic<bool> stopRequested_{false};
+  ZmqEvent stopEvent_;  // signalled and consumed under lifecycleMutex_ only
+  PollSet poll_;        // the broker thread's own
+
+  const std::shared_ptr<RpcDispatcher> dispatcher_;
+
+  Mutex registryMutex_;  // taken before the observers' lock; never held while waiting for a thread
+  Services services_ TESSEL_GUARDED_BY(registryMutex_);
+  // Calls of this process are served, and a slave tells its master what is registered.
+  bool serving_ TESSEL_GUARDED_BY(registryMutex_) = false;
+  // What the slave's thread takes back when it leaves: all that was offered while it served.
+  ServiceKeys withdrawn_ TESSEL_GUARDED_BY(registryMutex_);
+
+  const std::shared_ptr<ObserverData> observers_;  // locks itself
+};
+
+}  // namespace tessel
+
+#endif

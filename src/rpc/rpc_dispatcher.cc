@@ -1,0 +1,9 @@
+#include "tessel/rpc_dispatcher.h"
+
+namespace tessel {
+
+RpcRequest::~RpcRequest() = default;
+
+RpcDispatcher::~RpcDispatcher() = default;
+
+}  // namespace tessel

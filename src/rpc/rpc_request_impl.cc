@@ -1,0 +1,71 @@
+#include "rpc/rpc_request_impl.h"
+
+#include <utility>
+
+#include "tessel/rpc_error.h"
+#include "transport/inproc_endpoints.h"
+#include "transport/thread_socket_cache.h"
+
+namespace tessel {
+namespace {
+
+// A reply sent to an endpoint of this process that nobody has bound would wait for ever, and so
+// would its socket.
+bool brokerHasGone(const std::string& replyEndpoint) {
+  return InprocEndpoints::isInproc(replyEndpoint) &&
+         !InprocEndpoints::instance().isBound(replyEndpoint);
+}
+
+}  // namespace
+
+RpcRequestImpl::RpcRequestImpl(std::weak_ptr<ObserverData> observers,
+                               std::weak_ptr<Service> service,
+                               std::shared_ptr<MessageRequest> request,
+                               const std::string& replyEndpoint)
+    : observers_(std::move(observers)),
+      service_(std::move(service)),
+      request_(std::move(request)),
+      replyEndpoint_(replyEndpoint) {}
+
+std::string RpcRequestImpl::getServiceName() const { return request_->serviceName(); }
+
+std::string RpcRequestImpl::getInstanceName() const { return request_->instanceName(); }
+
+std::string RpcRequestImpl::getMethodName() const { return request_->methodName(); }
+
+void RpcRequestImpl::execute() {
+  std::optional<MessageReply> reply;
+  answer(reply);
+  if (brokerHasGone(replyEndpoint_)) return;
+  reply->send(ThreadSockets::ofThisThread().replies.socketFor(replyEndpoint_));
+}
+
+void RpcRequestImpl::answer(std::optional<MessageReply>& reply) const {
+  ObserverSnapshot observers;
+  if (const std::shared_ptr<ObserverData> data = observers_.lock()) observers = data->snapshot();
+  const MessageRequest& request = *request_;
+  const ServiceCall call{request.serviceName(), request.instanceName(), request.methodName(),
+                         request.payload(),     request.payloadSize(),  observers};
+  if (const std::shared_ptr<Service> service = service_.lock()) {
+    callService(*service, call, reply);
+    return;
+  }
+  call.tellNotFound();
+  reply.emplace(*request_, kReplyBrokerError,
+                serviceNotFoundText(request.serviceName(), request.instanceName()));
+}
+
+void RpcRequestImpl::callService(Service& service, const ServiceCall& call,
+                                 std::optional<MessageReply>& reply) const {
+  std::unique_ptr<std::uint8_t[]> out;
+  std::size_t outSize = 0;
+  try {
+    call.run(service, out, outSize, [&] { reply.emplace(*request_, std::move(out), outSize); });
+  } catch (const rpc_custom_error& error) {
+    reply.emplace(*request_, error);
+  } catch (const rpc_service_error& error) {
+    reply.emplace(*request_, kReplyServiceError, std::string(error.what()));
+  }
+}
+
+}  // namespace tessel
