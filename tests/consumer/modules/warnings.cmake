@@ -1,0 +1,1 @@
+message(FATAL_ERROR "tessel has taken a module of its parent for its own")
