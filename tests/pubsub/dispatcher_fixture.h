@@ -53,8 +53,8 @@ class DispatcherTest : public ::testing::Test {
   void settle() {
     const std::size_t updates = updatesMarker->journal.size();
     const std::size_t cached = cacheMarker->journal.size();
-    broker.updates.send(notification(kMarker, "."));
-    broker.cache.send(notification(kMarker, "."));
+    broker.updates.send(valueMessage(kMarker, "."));
+    broker.cache.send(valueMessage(kMarker, "."));
     EXPECT_TRUE(updatesMarker->journal.waitFor(updates + 1));
     EXPECT_TRUE(cacheMarker->journal.waitFor(cached + 1));
   }

@@ -35,10 +35,10 @@ TEST_F(DispatcherRegistration, TakesModesWithoutANameForAllValues) {
     const std::string key = topic + ":default";
     subscribers.push_back(recorder(static_cast<SubscriptionMode>(mode), topic, ""));
     subscribe(broker.cache, subscribers.back(), key);
-    broker.cache.send(notification(key, "1", kReplayFlag));
-    broker.cache.send(notification(key, "2", kReplayFlag));
-    broker.cache.send(notification(key, "3"));
-    broker.cache.send(notification(key, "4"));
+    broker.cache.send(valueMessage(key, "1", kReplayFlag));
+    broker.cache.send(valueMessage(key, "2", kReplayFlag));
+    broker.cache.send(valueMessage(key, "3"));
+    broker.cache.send(valueMessage(key, "4"));
     settle();
     EXPECT_EQ(subscribers.back()->journal.lines(), (Lines{"value 1", "value 3", "value 4"}));
     expectNothingMoreOnTheWire();
@@ -50,19 +50,19 @@ TEST_F(DispatcherRegistration, OfTheSameSubscriberTwiceGivesTwoCallbacks) {
   start();
   subscribe(broker.cache, subscriber, "t:default");
   subscribe(broker.cache, subscriber, "t:default");
-  broker.cache.send(notification("t:default", "1"));
+  broker.cache.send(valueMessage("t:default", "1"));
   settle();
   EXPECT_EQ(subscriber->journal.lines(), (Lines{"value 1", "value 1"}));
 
   dispatcher.unregisterSubscriber(subscriber);
   expectNothingMoreOnTheWire();  // one entry still holds the key
-  broker.cache.send(notification("t:default", "2"));
+  broker.cache.send(valueMessage("t:default", "2"));
   settle();
   EXPECT_EQ(subscriber->journal.lines(), (Lines{"value 1", "value 1", "value 2"}));
 
   dispatcher.unregisterSubscriber(subscriber);
   EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));
-  broker.cache.send(notification("t:default", "3"));
+  broker.cache.send(valueMessage("t:default", "3"));
   settle();
   EXPECT_EQ(subscriber->journal.size(), 3U);
 }
@@ -72,12 +72,12 @@ TEST_F(DispatcherRegistration, OfTheSameMultiSubscriberTwiceGivesTwoCallbacks) {
   start();
   subscribe(broker.updates, multi, "t");
   subscribe(broker.updates, multi, "t");
-  broker.updates.send(notification("t:a", "1"));
+  broker.updates.send(valueMessage("t:a", "1"));
   settle();
   EXPECT_EQ(multi->journal.lines(), (Lines{"value t a 1", "value t a 1"}));
   dispatcher.unregisterSubscriber(multi);
   expectNothingMoreOnTheWire();
-  broker.updates.send(notification("t:a", "2"));
+  broker.updates.send(valueMessage("t:a", "2"));
   settle();
   EXPECT_EQ(multi->journal.size(), 3U);
   dispatcher.unregisterSubscriber(multi);
@@ -94,8 +94,8 @@ TEST_F(DispatcherRegistration, IsTakenBackForTheObjectMeantOnly) {
   subscribe(broker.updates, newOnly, "t:default");
   dispatcher.unregisterSubscriber(other);
   expectNothingMoreOnTheWire();
-  broker.cache.send(notification("t:default", "1"));
-  broker.updates.send(notification("t:default", "2"));
+  broker.cache.send(valueMessage("t:default", "1"));
+  broker.updates.send(valueMessage("t:default", "2"));
   settle();
   EXPECT_EQ(one->journal.lines(), Lines{"value 1"});
   EXPECT_EQ(other->journal.lines(), Lines{});
@@ -122,7 +122,7 @@ TEST_F(DispatcherRegistration, IsTakenBackForTheKindOfSubscriberMeantOnly) {
   subscribe(broker.updates, multi, "t:u");
   dispatcher.unregisterSubscriber(multi);
   expectNothingMoreOnTheWire();
-  broker.updates.send(notification("t:u", "1"));
+  broker.updates.send(valueMessage("t:u", "1"));
   settle();
   EXPECT_EQ(both->RecordingSubscriber::journal.lines(), Lines{"value 1"});
   EXPECT_EQ(both->RecordingMultiSubscriber::journal.lines(), Lines{});
@@ -142,7 +142,7 @@ TEST_F(DispatcherRegistration, ThatIsNotThereIsTakenBackWithoutEffect) {
   dispatcher.unregisterSubscriber(subscriber);
   expectNothingMoreOnTheWire();
   subscribe(broker.cache, subscriber, "t:default");
-  broker.cache.send(notification("t:default", "1"));
+  broker.cache.send(valueMessage("t:default", "1"));
   settle();
   EXPECT_EQ(subscriber->journal.lines(), Lines{"value 1"});
 }
@@ -152,7 +152,7 @@ TEST_F(DispatcherRegistration, CanBeMadeAgainAfterItWasTakenBack) {
   start();
   for (int round = 0; round < 3; ++round) {
     subscribe(broker.cache, subscriber, "t:default");
-    broker.cache.send(notification("t:default", std::to_string(round), kReplayFlag));
+    broker.cache.send(valueMessage("t:default", std::to_string(round), kReplayFlag));
     settle();
     dispatcher.unregisterSubscriber(subscriber);
     EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));
@@ -204,7 +204,7 @@ TEST_F(DispatcherRegistration, WhileStoppedTakesEffectAtTheNextStart) {
   EXPECT_EQ(broker.cache.receive(), subscribed("all:default"));
   EXPECT_EQ(broker.updates.receive(), subscribed("new:default"));
   EXPECT_EQ(broker.updates.receive(), subscribed("m"));
-  broker.cache.send(notification("all:default", "1"));
+  broker.cache.send(valueMessage("all:default", "1"));
   EXPECT_TRUE(all->journal.waitFor(1));
 }
 
@@ -221,7 +221,7 @@ TEST_F(DispatcherRegistration, WhileStoppedIsTakenBackAtTheNextStart) {
             (Frames{subscribed("t:default").front(), subscribed(kMarker).front()}));
   EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
   EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));
-  broker.cache.send(notification("t:default", "1"));
+  broker.cache.send(valueMessage("t:default", "1"));
   settle();
   EXPECT_EQ(subscriber->journal.lines(), Lines{});
 }
@@ -281,8 +281,8 @@ TEST_F(DispatcherRegistration, OfOneWakeUpComesFirstThenRemovalsThenThoseWhoHave
       other.registerSubscriber(each);
       socket.receive();
     }
-    socket.send(notification("waiting:default", "1"));
-    socket.send(notification("waiting:default", "2"));
+    socket.send(valueMessage("waiting:default", "1"));
+    socket.send(valueMessage("waiting:default", "2"));
     EXPECT_TRUE(waiting->journal.waitFor(1));
     gone.reset();
     other.unregisterSubscriber(removed);
@@ -405,7 +405,7 @@ TEST_F(DispatcherRegistration, WhileStoppedNeverBlocks) {
   dispatcher.start();
   EXPECT_EQ(sortedFrames(broker.cache, kMany), Frames(kMany, subscribed("t:default").front()));
   addMarkers();
-  broker.cache.send(notification("t:default", "1"));
+  broker.cache.send(valueMessage("t:default", "1"));
   settle();
   EXPECT_EQ(subscriber->journal.lines(), Lines{"value 1"});  // one is left
 }

@@ -19,7 +19,7 @@ constexpr unsigned long long kLiveFlag = 0;
 constexpr unsigned long long kReplayFlag = 1;
 constexpr unsigned long long kDeletedFlag = 2;
 
-inline Frames notification(const std::string& key, const std::string& value,
+inline Frames valueMessage(const std::string& key, const std::string& value,
                            unsigned long long flags = kLiveFlag) {
   return {key, value, word(flags)};
 }
