@@ -34,10 +34,13 @@ std::string RpcRequestImpl::getInstanceName() const { return request_->instanceN
 std::string RpcRequestImpl::getMethodName() const { return request_->methodName(); }
 
 void RpcRequestImpl::execute() {
+  ThreadSocketCache& sockets = ThreadSockets::ofThisThread().replies;
+  // Made before the service runs: a call that could not be answered is not begun.
+  if (!brokerHasGone(replyEndpoint_)) sockets.socketFor(replyEndpoint_);
   std::optional<MessageReply> reply;
   answer(reply);
-  if (brokerHasGone(replyEndpoint_)) return;
-  reply->send(ThreadSockets::ofThisThread().replies.socketFor(replyEndpoint_));
+  // Looked up again: a service may execute other requests, which may tidy the sockets up.
+  if (!brokerHasGone(replyEndpoint_)) reply->send(sockets.socketFor(replyEndpoint_));
 }
 
 void RpcRequestImpl::answer(std::optional<MessageReply>& reply) const {
