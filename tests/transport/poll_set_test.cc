@@ -1,0 +1,106 @@
+#include "transport/poll_set.h"
+
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <signal.h>
+
+#include <atomic>
+#include <thread>
+
+#include "support/deadline.h"
+#include "support/endpoints.h"
+#include "support/raw_peer.h"
+#include "support/zmq_errors.h"
+#include "transport/zmq_event.h"
+#include "transport/zmq_socket.h"
+
+namespace tessel::test {
+namespace {
+
+std::atomic<int> signalsHandled{0};
+
+void countSignal(int /*signal*/) { ++signalsHandled; }
+
+TEST(PollSet, TellsByPositionWhatCanBeRead) {
+  ZmqEvent first;
+  ZmqEvent second;
+  ZmqEvent third;
+  PollSet poll{first.pollHandle(), second.pollHandle(), third.pollHandle()};
+  second.signal();
+  poll.wait();
+  EXPECT_FALSE(poll.readable(0));
+  EXPECT_TRUE(poll.readable(1));
+  EXPECT_FALSE(poll.readable(2));
+  first.signal();
+  third.signal();
+  second.consume();
+  poll.wait();
+  EXPECT_TRUE(poll.readable(0));
+  EXPECT_FALSE(poll.readable(1));
+  EXPECT_TRUE(poll.readable(2));
+}
+
+TEST(PollSet, NothingIsReadableBeforeTheFirstWait) {
+  ZmqEvent event;
+  event.signal();
+  const PollSet poll{event.pollHandle()};
+  EXPECT_FALSE(poll.readable(0));
+}
+
+TEST(PollSet, WaitsUntilAnotherThreadSends) {
+  ZmqEvent event;
+  PollSet poll{event.pollHandle()};
+  std::thread other([&] { event.signal(); });
+  poll.wait();
+  EXPECT_TRUE(poll.readable(0));
+  other.join();
+}
+
+TEST(PollSet, DoesNotWakeForAPeerThatCouldBeWrittenTo) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PAIR);
+  peer.bind(endpoint);
+  ZmqSocket writable(ZMQ_PAIR, endpoint);
+  ZmqEvent event;
+  PollSet poll{writable.handle(), event.pollHandle()};
+  event.signal();
+  poll.wait();
+  EXPECT_FALSE(poll.readable(0));
+  EXPECT_TRUE(poll.readable(1));
+}
+
+TEST(PollSet, SignalHandlersDoNotEndTheWait) {
+  struct sigaction action = {};
+  action.sa_handler = countSignal;
+  sigemptyset(&action.sa_mask);
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+
+  ZmqEvent event;
+  std::string thrown;
+  bool woken = false;
+  std::thread loop([&] {
+    PollSet poll{event.pollHandle()};
+    thrown = zmqErrorOf([&] { poll.wait(); });
+    woken = poll.readable(0);
+  });
+  // The first may come before the wait; those after it find the thread there.
+  for (int sent = 1; sent <= 20; ++sent) {
+    pthread_kill(loop.native_handle(), SIGUSR1);
+    if (!eventually([&] { return signalsHandled.load() == sent; })) break;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  event.signal();
+  loop.join();
+  EXPECT_EQ(signalsHandled.load(), 20);
+  EXPECT_EQ(thrown, "nothing thrown");
+  EXPECT_TRUE(woken);
+}
+
+TEST(PollSet, ThrowsTheZmqTextWhenThePollFails) {
+  char noSocket[4096] = {};  // memory without the mark that ZeroMQ looks for in a handle
+  PollSet poll{static_cast<void*>(noSocket)};
+  EXPECT_ZMQ_ERROR(poll.wait(), ENOTSOCK);
+}
+
+}  // namespace
+}  // namespace tessel::test

@@ -1,0 +1,714 @@
+#include "transport/zmq_socket.h"
+
+#include <gtest/gtest.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <chrono>
+#include <limits>
+#include <thread>
+#include <type_traits>
+
+#include "support/deadline.h"
+#include "support/endpoints.h"
+#include "support/raw_peer.h"
+#include "support/socket_budget.h"
+#include "support/zmq_errors.h"
+
+namespace tessel::test {
+namespace {
+
+static_assert(!std::is_copy_constructible_v<ZmqSocket>, "a socket has one owner");
+static_assert(!std::is_copy_assignable_v<ZmqSocket>, "a socket has one owner");
+
+int option(const ZmqSocket& socket, int name) {
+  int value = -12345;
+  std::size_t size = sizeof value;
+  EXPECT_EQ(zmq_getsockopt(socket.handle(), name, &value, &size), 0);
+  return value;
+}
+
+// What a wildcard port became.
+std::string boundEndpoint(const ZmqSocket& socket) {
+  char endpoint[256];
+  std::size_t size = sizeof endpoint;
+  EXPECT_EQ(zmq_getsockopt(socket.handle(), ZMQ_LAST_ENDPOINT, endpoint, &size), 0);
+  return endpoint;
+}
+
+void sendText(ZmqSocket& socket, const std::string& text) {
+  ZmqFrame frame(text);
+  socket.sendFirst(frame, 0);
+}
+
+std::string receiveText(ZmqSocket& socket) {
+  socket.setReceiveTimeout(std::chrono::milliseconds(kPatience).count());
+  ZmqFrame frame;
+  return socket.receive(frame, 0) ? frame.toString() : "nothing came";
+}
+
+const int kAllTypes[] = {ZMQ_PAIR,   ZMQ_PUB,  ZMQ_SUB,  ZMQ_REQ,  ZMQ_REP, ZMQ_DEALER,
+                         ZMQ_ROUTER, ZMQ_PULL, ZMQ_PUSH, ZMQ_XPUB, ZMQ_XSUB};
+
+// ---- making one
+
+TEST(ZmqSocket, OfEveryTypeDiscardsUnsentMessagesAndWaitsForEver) {
+  for (const int type : kAllTypes) {
+    const ZmqSocket socket(type);
+    EXPECT_EQ(socket.type(), type);
+    EXPECT_EQ(option(socket, ZMQ_TYPE), type);
+    EXPECT_EQ(option(socket, ZMQ_LINGER), 0) << type;
+    EXPECT_EQ(option(socket, ZMQ_RCVTIMEO), -1) << type;
+    EXPECT_EQ(socket.receiveTimeout(), -1);
+    EXPECT_EQ(socket.endpoint(), "");
+    EXPECT_NE(socket.handle(), nullptr);
+  }
+}
+
+TEST(ZmqSocket, OfAnUnknownTypeThrowsTheZmqText) { EXPECT_ZMQ_ERROR(ZmqSocket(999), EINVAL); }
+
+TEST(ZmqSocket, ThrowsTheZmqTextWhenThereAreNoMoreSockets) {
+  const SocketBudget everySocket;
+  EXPECT_ZMQ_ERROR(ZmqSocket(ZMQ_PULL), EMFILE);
+}
+
+TEST(ZmqSocket, ReleasesTheSocketWhenTheConstructorCannotConnect) {
+  const OpenSockets sockets;
+  for (int i = 0; i < 10; ++i) EXPECT_ZMQ_ERROR(ZmqSocket(ZMQ_PUSH, "no endpoint"), EINVAL);
+  EXPECT_TRUE(sockets.become(0));
+}
+
+TEST(ZmqSocket, IsClosedWithTheObject) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  const OpenSockets sockets;
+  {
+    const ZmqSocket one(ZMQ_PULL);
+    const ZmqSocket other(ZMQ_PUSH, endpoint);
+    EXPECT_TRUE(sockets.become(2, peer));
+  }
+  EXPECT_TRUE(sockets.become(0, peer));
+}
+
+TEST(ZmqSocket, CloseLeavesNoHandleAndMayBeRepeated) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(endpoint);
+  socket.close();
+  EXPECT_EQ(socket.handle(), nullptr);
+  socket.close();
+  EXPECT_EQ(socket.handle(), nullptr);
+  ZmqFrame frame;
+  EXPECT_ZMQ_ERROR(socket.receive(frame, 0), ENOTSOCK);
+}
+
+// ---- connect and bind
+
+TEST(ZmqSocket, ConstructorConnects) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  ZmqSocket socket(ZMQ_PUSH, endpoint);
+  EXPECT_EQ(socket.endpoint(), endpoint);
+  sendText(socket, "hello");
+  EXPECT_EQ(peer.receive(), Frames{"hello"});
+}
+
+TEST(ZmqSocket, ConnectKeepsTheLastEndpointGiven) {
+  ZmqSocket socket(ZMQ_DEALER);
+  const std::string first = uniqueInproc();
+  const std::string second = freeTcp();
+  socket.connect(first);
+  EXPECT_EQ(socket.endpoint(), first);
+  socket.connect(second);
+  EXPECT_EQ(socket.endpoint(), second);
+}
+
+TEST(ZmqSocket, ConnectKeepsTheEndpointAlsoWhenItFails) {
+  ZmqSocket socket(ZMQ_PUSH);
+  EXPECT_ZMQ_ERROR(socket.connect("foo://bar"), EPROTONOSUPPORT);
+  EXPECT_EQ(socket.endpoint(), "foo://bar");
+  EXPECT_NE(socket.handle(), nullptr);
+}
+
+TEST(ZmqSocket, BindDoesNotKeepTheEndpoint) {
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(uniqueInproc());
+  socket.bind("tcp://127.0.0.1:*");
+  EXPECT_EQ(socket.endpoint(), "");
+}
+
+TEST(ZmqSocket, BindThrowsTheZmqText) {
+  ZmqSocket socket(ZMQ_PULL);
+  EXPECT_ZMQ_ERROR(socket.bind("foo://bar"), EPROTONOSUPPORT);
+  EXPECT_ZMQ_ERROR(socket.bind("bar"), EINVAL);
+  EXPECT_ZMQ_ERROR(socket.bind("tcp://no-such-interface:1"), ENODEV);
+}
+
+TEST(ZmqSocket, BindThrowsForAnInprocNameInUse) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket holder(ZMQ_PULL);
+  holder.bind(endpoint);
+  ZmqSocket late(ZMQ_PULL);
+  EXPECT_EQ(zmqErrorOf([&] { late.bind(endpoint); }), "Address already in use");
+  // The one that was refused takes nothing from the holder.
+  late.close();
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  sendText(sender, "to the holder");
+  EXPECT_EQ(receiveText(holder), "to the holder");
+}
+
+TEST(ZmqSocket, BindThrowsForATcpPortInUse) {
+  void* const otherContext = zmq_ctx_new();
+  {
+    const std::string endpoint = freeTcp();
+    RawPeer holder(ZMQ_PULL, otherContext);
+    holder.bind(endpoint);
+    ZmqSocket late(ZMQ_PULL);
+    EXPECT_EQ(zmqErrorOf([&] { late.bind(endpoint); }), "Address already in use");
+    // Also just after this process has closed a bound socket, when it waits a moment first.
+    ZmqSocket(ZMQ_PULL).bind("tcp://127.0.0.1:*");
+    const auto begun = std::chrono::steady_clock::now();
+    EXPECT_EQ(zmqErrorOf([&] { late.bind(endpoint); }), "Address already in use");
+    EXPECT_LT(std::chrono::steady_clock::now() - begun, kPatience);
+  }
+  zmq_ctx_term(otherContext);
+}
+
+TEST(ZmqSocket, WaitsALittleForAPortThatIsJustComingFree) {
+  void* const otherContext = zmq_ctx_new();
+  const std::string endpoint = freeTcp();
+  std::thread closer;
+  {
+    ZmqSocket(ZMQ_PULL).bind("tcp://127.0.0.1:*");  // something bound was closed just now
+    std::atomic<bool> binding{false};
+    void* const holder = zmq_socket(otherContext, ZMQ_PULL);
+    ASSERT_EQ(zmq_bind(holder, endpoint.c_str()), 0);
+    closer = std::thread([&] {
+      while (!binding) std::this_thread::yield();
+      zmq_close(holder);
+      zmq_ctx_term(otherContext);
+    });
+    binding = true;
+    ZmqSocket socket(ZMQ_PULL);
+    EXPECT_EQ(zmqErrorOf([&] { socket.bind(endpoint); }), "nothing thrown");
+    closer.join();
+  }
+}
+
+TEST(ZmqSocket, BindsTheSameTcpPortAgainAtOnce) {
+  const std::string endpoint = freeTcp();
+  for (int round = 0; round < 50; ++round) {
+    ZmqSocket socket(ZMQ_PULL);
+    ASSERT_EQ(zmqErrorOf([&] { socket.bind(endpoint); }), "nothing thrown") << round;
+    RawPeer peer(ZMQ_PUSH);
+    peer.connect(endpoint).send({std::to_string(round)});
+    EXPECT_EQ(receiveText(socket), std::to_string(round));
+  }
+}
+
+TEST(ZmqSocket, BindsAWildcardPortAgainAtOnceByItsNumber) {
+  std::string endpoint = "tcp://127.0.0.1:*";
+  for (int round = 0; round < 20; ++round) {
+    ZmqSocket socket(ZMQ_XPUB);
+    ASSERT_EQ(zmqErrorOf([&] { socket.bind(endpoint); }), "nothing thrown") << round;
+    endpoint = boundEndpoint(socket);
+  }
+}
+
+TEST(ZmqSocket, BindsTheSameIpcNameAgainAtOnce) {
+  const std::string endpoint = uniqueIpc();
+  for (int round = 0; round < 20; ++round) {
+    ZmqSocket socket(ZMQ_PULL);
+    ASSERT_EQ(zmqErrorOf([&] { socket.bind(endpoint); }), "nothing thrown") << round;
+    RawPeer peer(ZMQ_PUSH);
+    peer.connect(endpoint).send({std::to_string(round)});
+    EXPECT_EQ(receiveText(socket), std::to_string(round));
+  }
+}
+
+TEST(ZmqSocket, BindsTheSameInprocNameAgainAtOnce) {
+  const std::string endpoint = uniqueInproc();
+  for (int round = 0; round < 200; ++round) {
+    ZmqSocket socket(ZMQ_PULL);
+    ASSERT_EQ(zmqErrorOf([&] { socket.bind(endpoint); }), "nothing thrown") << round;
+  }
+}
+
+TEST(ZmqSocket, FreesEveryEndpointThatItBound) {
+  const std::string tcp = freeTcp();
+  const std::string first = uniqueInproc();
+  const std::string second = uniqueInproc();
+  for (int round = 0; round < 20; ++round) {
+    ZmqSocket socket(ZMQ_PULL);
+    for (const std::string& endpoint : {first, tcp, second}) {
+      ASSERT_EQ(zmqErrorOf([&] { socket.bind(endpoint); }), "nothing thrown") << endpoint;
+    }
+  }
+}
+
+// ---- options
+
+TEST(ZmqSocket, SetsOptionsAsTheyStand) {
+  ZmqSocket socket(ZMQ_SUB);
+  socket.setOption(ZMQ_RCVHWM, 17);
+  EXPECT_EQ(option(socket, ZMQ_RCVHWM), 17);
+  const int forty = 40;
+  socket.setOption(ZMQ_SNDHWM, &forty, sizeof forty);
+  EXPECT_EQ(option(socket, ZMQ_SNDHWM), 40);
+  socket.setOption(ZMQ_SUBSCRIBE, std::string("a\0b", 3));
+
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_XPUB);
+  peer.bind(endpoint);
+  socket.connect(endpoint);
+  EXPECT_EQ(peer.receive(), Frames{bytes("\x01"
+                                         "a\0b",
+                                         4)});
+}
+
+TEST(ZmqSocket, ThrowsTheZmqTextForAnOptionThatIsRefused) {
+  ZmqSocket socket(ZMQ_PUSH);
+  EXPECT_ZMQ_ERROR(socket.setOption(ZMQ_SUBSCRIBE, std::string("a")), EINVAL);
+  EXPECT_ZMQ_ERROR(socket.setOption(ZMQ_SNDHWM, std::string("a")), EINVAL);
+}
+
+TEST(ZmqSocket, KeepsAndSetsTheReceiveTimeout) {
+  ZmqSocket socket(ZMQ_PULL);
+  const auto check = [&](std::int64_t given, int expected) {
+    socket.setReceiveTimeout(given);
+    EXPECT_EQ(socket.receiveTimeout(), expected) << given;
+    EXPECT_EQ(option(socket, ZMQ_RCVTIMEO), expected) << given;
+  };
+  check(0, 0);
+  check(250, 250);
+  check(-1, -1);
+  check(2147483647, 2147483647);
+  check(2147483648, -1);
+  check(5, 5);
+  check(std::numeric_limits<std::int64_t>::max(), -1);
+  check(-4294967296 + 7, 7);  // what does not fit below is cut to 32 bits
+}
+
+TEST(ZmqSocket, ThrowsTheZmqTextForAReceiveTimeoutBelowMinusOne) {
+  ZmqSocket socket(ZMQ_PULL);
+  EXPECT_ZMQ_ERROR(socket.setReceiveTimeout(-2), EINVAL);
+}
+
+// ---- receive
+
+TEST(ZmqSocket, WithATimeoutOfZeroAReceiveReturnsFalseAtOnceWhenNothingIsQueued) {
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(uniqueInproc());
+  socket.setReceiveTimeout(0);
+  ZmqFrame frame;
+  EXPECT_FALSE(socket.receive(frame, 0));
+}
+
+TEST(ZmqSocket, AReceiveReturnsFalseAfterItsTimeout) {
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(uniqueInproc());
+  socket.setReceiveTimeout(30);
+  const auto begun = std::chrono::steady_clock::now();
+  ZmqFrame frame;
+  EXPECT_FALSE(socket.receive(frame, 0));
+  EXPECT_GE(std::chrono::steady_clock::now() - begun, std::chrono::milliseconds(29));
+}
+
+TEST(ZmqSocket, AReceiveThatMustNotWaitReturnsFalseWhenNothingIsQueued) {
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(uniqueInproc());
+  ZmqFrame frame;
+  EXPECT_FALSE(socket.receive(frame, ZMQ_DONTWAIT));
+}
+
+TEST(ZmqSocket, WithoutATimeoutAReceiveWaits) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(endpoint);
+  socket.setReceiveTimeout(2147483648);
+  std::thread sender([&] { RawPeer(ZMQ_PUSH).connect(endpoint).send({"late"}); });
+  ZmqFrame frame;
+  EXPECT_TRUE(socket.receive(frame, 0));
+  EXPECT_EQ(frame.toString(), "late");
+  sender.join();
+}
+
+TEST(ZmqSocket, AReceiveReplacesWhatTheFrameHeld) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(endpoint);
+  RawPeer(ZMQ_PUSH).connect(endpoint).send({"", "new"});
+  ZmqFrame frame(std::string(100, 'x'));
+  ASSERT_TRUE(socket.receive(frame, 0));
+  EXPECT_EQ(frame.size(), 0U);
+  ASSERT_TRUE(socket.receive(frame, 0));
+  EXPECT_EQ(frame.toString(), "new");
+}
+
+TEST(ZmqSocket, ReceivesIntoASharedFrame) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(endpoint);
+  RawPeer(ZMQ_PUSH).connect(endpoint).send({"a"});
+  const auto frame = std::make_shared<ZmqFrame>();
+  EXPECT_TRUE(socket.receive(frame, 0));
+  EXPECT_EQ(frame->toString(), "a");
+  EXPECT_EQ(frame.use_count(), 1);
+  EXPECT_FALSE(socket.receive(frame, ZMQ_DONTWAIT));
+}
+
+TEST(ZmqSocket, AReceiveThrowsTheZmqTextOfOtherErrors) {
+  ZmqSocket cannotReceive(ZMQ_PUSH);
+  ZmqFrame frame;
+  EXPECT_ZMQ_ERROR(cannotReceive.receive(frame, 0), ENOTSUP);
+  EXPECT_ZMQ_ERROR(cannotReceive.receive(std::make_shared<ZmqFrame>(), 0), ENOTSUP);
+  ZmqSocket request(ZMQ_REQ, uniqueInproc());
+  EXPECT_ZMQ_ERROR(request.receive(frame, 0), EFSM);
+}
+
+// ---- send
+
+TEST(ZmqSocket, ASendTakesTheFrame) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  ZmqSocket socket(ZMQ_PUSH, endpoint);
+  ZmqFrame frame(std::string(100, 'x'));
+  EXPECT_TRUE(socket.send(frame, ZMQ_SNDMORE));
+  EXPECT_EQ(frame.size(), 0U);
+  EXPECT_TRUE(socket.send(frame, 0));
+  EXPECT_EQ(peer.receive(), (Frames{std::string(100, 'x'), ""}));
+}
+
+TEST(ZmqSocket, ASendReturnsFalseAndKeepsTheFrameWhenItWouldHaveToWait) {
+  ZmqSocket socket(ZMQ_PUSH);  // with nobody to send to
+  ZmqFrame frame(std::string("kept"));
+  EXPECT_FALSE(socket.send(frame, ZMQ_DONTWAIT));
+  EXPECT_EQ(frame.toString(), "kept");
+  socket.setOption(ZMQ_SNDTIMEO, 10);
+  EXPECT_FALSE(socket.send(frame, 0));
+  EXPECT_EQ(frame.toString(), "kept");
+}
+
+TEST(ZmqSocket, ASendReleasesASharedFrame) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  ZmqSocket socket(ZMQ_PUSH, endpoint);
+  auto frame = std::make_shared<ZmqFrame>(std::string("shared"));
+  const std::weak_ptr<ZmqFrame> watch = frame;
+  EXPECT_TRUE(socket.send(std::move(frame), 0));
+  EXPECT_TRUE(watch.expired());
+  EXPECT_EQ(peer.receive(), Frames{"shared"});
+
+  ZmqSocket cannotSend(ZMQ_PULL);
+  auto refused = std::make_shared<ZmqFrame>();
+  const std::weak_ptr<ZmqFrame> refusedWatch = refused;
+  EXPECT_ZMQ_ERROR(cannotSend.send(std::move(refused), 0), ENOTSUP);
+  EXPECT_TRUE(refusedWatch.expired());
+}
+
+TEST(ZmqSocket, ASendThrowsTheZmqTextOfOtherErrors) {
+  ZmqSocket cannotSend(ZMQ_PULL);
+  ZmqFrame frame(std::string("a"));
+  EXPECT_ZMQ_ERROR(cannotSend.send(frame, 0), ENOTSUP);
+  EXPECT_ZMQ_ERROR(cannotSend.sendFirst(frame, 0), ENOTSUP);
+  EXPECT_ZMQ_ERROR(cannotSend.sendFirstUnlessAbandoned(frame, 0), ENOTSUP);
+  ZmqSocket router(ZMQ_ROUTER);
+  router.setOption(ZMQ_ROUTER_MANDATORY, 1);
+  EXPECT_ZMQ_ERROR(router.send(frame, ZMQ_SNDMORE), EHOSTUNREACH);
+}
+
+// ---- discardPending
+
+TEST(ZmqSocket, DiscardingReturnsAtOnceWhenNothingIsQueued) {
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(uniqueInproc());
+  socket.discardPending();
+}
+
+TEST(ZmqSocket, DiscardingDropsTheRestOfTheMessageAndNoMore) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket socket(ZMQ_PULL);
+  socket.bind(endpoint);
+  RawPeer peer(ZMQ_PUSH);
+  peer.connect(endpoint).send({"a", "b", "c", "", "d"});
+  peer.send({"next", "of it"});
+  ZmqFrame frame;
+  ASSERT_TRUE(socket.receive(frame, 0));
+  socket.discardPending();
+  ASSERT_TRUE(socket.receive(frame, 0));
+  EXPECT_EQ(frame.toString(), "next");
+  EXPECT_TRUE(frame.more());
+  socket.discardPending();
+  EXPECT_FALSE(socket.receive(frame, ZMQ_DONTWAIT));
+}
+
+// ---- reconnect
+
+TEST(ZmqSocket, ReconnectKeepsTypeLingerTimeoutAndEndpoint) {
+  const std::string endpoint = freeTcp();
+  ZmqSocket socket(ZMQ_REQ, endpoint);
+  socket.setReceiveTimeout(1234);
+  socket.reconnect();
+  EXPECT_EQ(socket.type(), ZMQ_REQ);
+  EXPECT_EQ(option(socket, ZMQ_TYPE), ZMQ_REQ);
+  EXPECT_EQ(option(socket, ZMQ_LINGER), 0);
+  EXPECT_EQ(socket.receiveTimeout(), 1234);
+  EXPECT_EQ(option(socket, ZMQ_RCVTIMEO), 1234);
+  EXPECT_EQ(socket.endpoint(), endpoint);
+  EXPECT_EQ(boundEndpoint(socket), endpoint);  // ZeroMQ's last endpoint, connected ones too
+}
+
+TEST(ZmqSocket, ReconnectMakesARequestSocketUsableAfterALostReply) {
+  for (const std::string& endpoint : {uniqueInproc(), freeTcp()}) {
+    RawPeer peer(ZMQ_ROUTER);
+    peer.bind(endpoint);
+    ZmqSocket socket(ZMQ_REQ, endpoint);
+    socket.setReceiveTimeout(1);
+    sendText(socket, "first");
+    EXPECT_EQ(peer.receive().back(), "first");
+    ZmqFrame reply;
+    EXPECT_FALSE(socket.receive(reply, 0));
+    ZmqFrame again(std::string("again"));
+    EXPECT_ZMQ_ERROR(socket.send(again, 0), EFSM);
+    socket.reconnect();
+    sendText(socket, "second");
+    const Frames second = peer.receive();
+    EXPECT_EQ(second.back(), "second");
+    peer.send({second[0], "", "reply"});
+    EXPECT_EQ(receiveText(socket), "reply");
+  }
+}
+
+TEST(ZmqSocket, ReconnectClosesTheOldSocket) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_ROUTER);
+  peer.bind(endpoint);
+  const OpenSockets sockets;
+  {
+    ZmqSocket socket(ZMQ_REQ, endpoint);
+    for (int i = 0; i < 20; ++i) socket.reconnect();
+    EXPECT_TRUE(sockets.become(1, peer));
+  }
+  EXPECT_TRUE(sockets.become(0, peer));
+}
+
+TEST(ZmqSocket, ReconnectThrowsTheZmqTextOfAConnectThatFails) {
+  ZmqSocket socket(ZMQ_PUSH);
+  EXPECT_ZMQ_ERROR(socket.connect("foo://bar"), EPROTONOSUPPORT);
+  EXPECT_ZMQ_ERROR(socket.reconnect(), EPROTONOSUPPORT);
+}
+
+// ---- a socket that never connected
+
+TEST(ZmqSocket, SendingAfterAFailedConnectThrowsWhatTheConnectThrew) {
+  ZmqSocket socket(ZMQ_PUSH);
+  EXPECT_ZMQ_ERROR(socket.connect("foo://bar"), EPROTONOSUPPORT);
+  ZmqFrame frame(std::string("a"));
+  EXPECT_ZMQ_ERROR(socket.sendFirst(frame, 0), EPROTONOSUPPORT);
+  EXPECT_ZMQ_ERROR(socket.sendFirst(frame, 0), EPROTONOSUPPORT);
+  EXPECT_ZMQ_ERROR(socket.sendFirstUnlessAbandoned(frame, 0), EPROTONOSUPPORT);
+  EXPECT_EQ(frame.toString(), "a");
+
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  socket.connect(endpoint);  // a connect that succeeds makes it good
+  socket.sendFirst(frame, 0);
+  EXPECT_EQ(peer.receive(), Frames{"a"});
+}
+
+// ---- in-process peers that go
+
+TEST(ZmqSocket, MessagesReachWhoeverBindsTheInprocNameNext) {
+  const std::string endpoint = uniqueInproc();
+  for (const int type : {ZMQ_PUSH, ZMQ_DEALER}) {
+    const int peerType = type == ZMQ_PUSH ? ZMQ_PULL : ZMQ_DEALER;
+    ZmqSocket sender(type, endpoint);
+    for (int round = 0; round < 200; ++round) {
+      ZmqSocket binder(peerType);
+      binder.bind(endpoint);
+      sendText(sender, std::to_string(round));
+      ASSERT_EQ(receiveText(binder), std::to_string(round));
+    }
+  }
+}
+
+TEST(ZmqSocket, ARequestReachesWhoeverBindsTheInprocNameNext) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket client(ZMQ_REQ, endpoint);
+  for (int round = 0; round < 50; ++round) {
+    ZmqSocket server(ZMQ_REP);
+    server.bind(endpoint);
+    sendText(client, std::to_string(round));
+    ASSERT_EQ(receiveText(server), std::to_string(round));
+    sendText(server, "reply");
+    ASSERT_EQ(receiveText(client), "reply");
+  }
+}
+
+TEST(ZmqSocket, ARequestWhosePeerWentBeforeItRepliedCanBeSentAgain) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket client(ZMQ_REQ, endpoint);
+  {
+    ZmqSocket server(ZMQ_REP);
+    server.bind(endpoint);
+    sendText(client, "lost");
+  }
+  ZmqSocket server(ZMQ_REP);
+  server.bind(endpoint);
+  sendText(client, "found");
+  EXPECT_EQ(receiveText(server), "found");
+}
+
+TEST(ZmqSocket, MessagesSentWhileNobodyIsBoundWaitForTheNext) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  for (int round = 0; round < 50; ++round) {
+    ZmqSocket(ZMQ_PULL).bind(endpoint);
+    sendText(sender, "between");
+    ZmqSocket binder(ZMQ_PULL);
+    binder.bind(endpoint);
+    ASSERT_EQ(receiveText(binder), "between");
+  }
+}
+
+TEST(ZmqSocket, ASenderHeldUpByAFullQueueGoesOnWhenItsPeerIsReplaced) {
+  const std::string endpoint = uniqueInproc();
+  for (int round = 0; round < 3; ++round) {
+    auto binder = std::make_unique<ZmqSocket>(ZMQ_PULL);
+    binder->bind(endpoint);
+    std::atomic<int> sent{0};
+    std::atomic<bool> held{false};
+    std::thread sending([&] {
+      ZmqSocket sender(ZMQ_PUSH, endpoint);
+      ZmqFrame filler;
+      while (sender.send(filler, ZMQ_DONTWAIT)) ++sent;
+      held = true;
+      sendText(sender, "after");
+    });
+    ASSERT_TRUE(eventually([&] { return held.load(); }));
+    EXPECT_GE(sent.load(), 2000);
+    // Most times the sender waits for room by now.
+    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    binder = std::make_unique<ZmqSocket>(ZMQ_PULL);
+    binder->bind(endpoint);
+    EXPECT_EQ(receiveText(*binder), "after");
+    sending.join();
+  }
+}
+
+TEST(ZmqSocket, ASenderHeldUpByAFullQueueGoesOnWhenItsPeerReads) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  std::atomic<bool> held{false};
+  int queued = 0;
+  std::thread sending([&] {
+    ZmqSocket sender(ZMQ_PUSH, endpoint);
+    ZmqFrame filler;
+    while (sender.send(filler, ZMQ_DONTWAIT)) ++queued;
+    held = true;
+    sendText(sender, "after");
+  });
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
+  for (int i = 0; i < queued; ++i) ASSERT_EQ(peer.receive(), Frames{""});
+  EXPECT_EQ(peer.receive(), Frames{"after"});
+  sending.join();
+}
+
+TEST(ZmqSocket, GivesUpOnlyWhenTheQueueIsFullAndNobodyIsBound) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  ZmqFrame frame(std::string("kept"));
+  int taken = 0;
+  ZmqFrame filler;
+  while (sender.sendFirstUnlessAbandoned(filler, 0)) ++taken;
+  EXPECT_EQ(taken, 1000);  // what ZeroMQ holds for a name that nobody has bound
+  EXPECT_FALSE(sender.sendFirstUnlessAbandoned(frame, 0));
+  EXPECT_EQ(frame.toString(), "kept");
+
+  ZmqSocket binder(ZMQ_PULL);
+  binder.bind(endpoint);
+  EXPECT_TRUE(sender.sendFirstUnlessAbandoned(frame, 0));
+  for (int i = 0; i < taken; ++i) ASSERT_EQ(receiveText(binder), "");
+  EXPECT_EQ(receiveText(binder), "kept");
+}
+
+TEST(ZmqSocket, ASenderThatMayGiveUpWaitsWhileSomebodyIsBound) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket binder(ZMQ_PULL);
+  binder.bind(endpoint);
+  std::atomic<bool> held{false};
+  int queued = 0;
+  bool sent = false;
+  std::thread sending([&] {
+    ZmqSocket sender(ZMQ_PUSH, endpoint);
+    ZmqFrame filler;
+    while (sender.send(filler, ZMQ_DONTWAIT)) ++queued;
+    held = true;
+    ZmqFrame frame(std::string("after"));
+    sent = sender.sendFirstUnlessAbandoned(frame, 0);
+  });
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
+  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // time enough to give up wrongly
+  for (int i = 0; i < queued; ++i) ASSERT_EQ(receiveText(binder), "");
+  EXPECT_EQ(receiveText(binder), "after");
+  sending.join();
+  EXPECT_TRUE(sent);
+}
+
+TEST(ZmqSocket, ASenderThatMayGiveUpDoesSoWhenItsPeerGoesWhileItWaits) {
+  const std::string endpoint = uniqueInproc();
+  auto binder = std::make_unique<ZmqSocket>(ZMQ_PULL);
+  binder->bind(endpoint);
+  std::atomic<bool> held{false};
+  std::atomic<bool> done{false};
+  std::thread sending([&] {
+    ZmqSocket sender(ZMQ_PUSH, endpoint);
+    ZmqFrame filler;
+    while (sender.send(filler, ZMQ_DONTWAIT)) {
+    }
+    held = true;
+    // Connected anew there is room again, but only for so many.
+    while (sender.sendFirstUnlessAbandoned(filler, 0)) {
+    }
+    done = true;
+  });
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
+  binder.reset();
+  EXPECT_TRUE(eventually([&] { return done.load(); }));
+  sending.join();
+}
+
+TEST(ZmqSocket, ATcpSenderWithoutAPeerDoesNotGiveUp) {
+  const std::string endpoint = freeTcp();
+  std::atomic<bool> held{false};
+  int queued = 0;
+  bool sent = false;
+  std::thread sending([&] {
+    ZmqSocket sender(ZMQ_PUSH, endpoint);
+    ZmqFrame filler;
+    while (sender.send(filler, ZMQ_DONTWAIT)) ++queued;
+    held = true;
+    ZmqFrame frame(std::string("after"));
+    sent = sender.sendFirstUnlessAbandoned(frame, ZMQ_SNDMORE) && sender.send(frame, 0);
+    held = false;
+    while (!held) std::this_thread::yield();  // linger 0: not closed before all was read
+  });
+  ASSERT_TRUE(eventually([&] { return held.load(); }));
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  for (int i = 0; i < queued; ++i) ASSERT_EQ(peer.receive(), Frames{""});
+  EXPECT_EQ(peer.receive(), (Frames{"after", ""}));
+  EXPECT_TRUE(eventually([&] { return !held.load(); }));
+  held = true;
+  sending.join();
+  EXPECT_TRUE(sent);
+}
+
+}  // namespace
+}  // namespace tessel::test
