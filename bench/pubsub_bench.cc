@@ -1,0 +1,147 @@
+// The road of a value from a publisher by way of the broker to a callback, against bare libzmq.
+
+#include <benchmark/benchmark.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/measure.h"
+#include "support/roads.h"
+#include "support/window.h"
+
+namespace tessel::bench {
+namespace {
+
+constexpr std::size_t kSmall = 16;
+
+// What is under way stays below the 1000 messages at which a publishing socket drops, and below
+// what the sockets of the system buffer when values are large.
+std::uint64_t windowFor(std::size_t size) { return size > 4096 ? 64 : 500; }
+std::uint64_t burstFor(std::size_t size) { return size > 4096 ? 1000 : 5000; }
+
+template <typename Road>
+void throughput(benchmark::State& state, Transport transport, std::size_t size) {
+  Window window(windowFor(size));
+  OpenRoad<Road> road(transport, size, [&](std::uint64_t) { window.arrive(); });
+  const std::uint64_t burst = burstFor(size);
+  std::uint64_t number = 0;
+  const auto sendBurst = [&] {
+    for (std::uint64_t i = 0; i < burst; ++i) {
+      window.send();
+      road.publish(++number);
+    }
+    window.drain();
+  };
+  const Usage before = Usage::now();
+  for (auto _ : state) sendBurst();
+  reportUsage(state, before, static_cast<double>(number));
+  state.SetItemsProcessed(static_cast<std::int64_t>(number));
+  state.counters["allocations"] =
+      static_cast<double>(allocationsDuring(sendBurst)) / static_cast<double>(burst);
+}
+
+// One value at a time, from just before publish() until the callback begins; everybody sleeps
+// before it.
+template <typename Road>
+void latency(benchmark::State& state, Transport transport) {
+  constexpr int kValues = 2000;
+  Window window(1);
+  std::vector<double> nanoseconds;
+  OpenRoad<Road> road(transport, kSmall, [&](std::uint64_t sent) {
+    const auto now = static_cast<std::uint64_t>(Clock::now().time_since_epoch().count());
+    nanoseconds.push_back(static_cast<double>(now - sent));
+    window.arrive();
+  });
+  const Usage before = Usage::now();
+  for (auto _ : state) {
+    for (int i = 0; i < kValues; ++i) {
+      window.send();
+      road.publish(static_cast<std::uint64_t>(Clock::now().time_since_epoch().count()));
+      window.drain();
+    }
+  }
+  reportUsage(state, before, static_cast<double>(nanoseconds.size()));
+  state.SetItemsProcessed(static_cast<std::int64_t>(nanoseconds.size()));
+  state.counters["p50_ns"] = quantile(nanoseconds, 0.50);
+  state.counters["p99_ns"] = quantile(nanoseconds, 0.99);
+}
+
+// One value to many subscribers of the same key; counted are the callbacks.
+void fanOut(benchmark::State& state, int subscribers) {
+  constexpr int kValues = 1000;
+  Window window(static_cast<std::uint64_t>(subscribers) * 100);
+  OpenRoad<TesselRoad> road(Transport::kInproc, kSmall, [&](std::uint64_t) { window.arrive(); });
+  std::vector<std::shared_ptr<CallbackSubscriber>> others;
+  std::atomic<int> live{0};
+  for (int i = 1; i < subscribers; ++i) {
+    auto probed = std::make_shared<std::atomic<bool>>(false);
+    others.push_back(std::make_shared<CallbackSubscriber>(
+        SubscriptionMode::NewValues, kTopic, kTag, [&, probed](const void* data, std::size_t) {
+          if ((numberOf(data) & kProbe) == 0) {
+            window.arrive();
+          } else if (!probed->exchange(true)) {
+            ++live;
+          }
+        }));
+    road.road().dispatcher().registerSubscriber(others.back());
+  }
+  for (std::uint64_t probe = kProbe + (std::uint64_t{1} << 32); live != subscribers - 1; ++probe) {
+    road.publish(probe);
+    std::this_thread::sleep_for(std::chrono::milliseconds(5));
+  }
+  std::uint64_t number = 0;
+  const auto sendBurst = [&] {
+    for (int value = 0; value < kValues; ++value) {
+      for (int i = 0; i < subscribers; ++i) window.send();
+      road.publish(++number);
+    }
+    window.drain();
+  };
+  const Usage before = Usage::now();
+  for (auto _ : state) sendBurst();
+  const double callbacks = static_cast<double>(number) * subscribers;
+  reportUsage(state, before, callbacks);
+  state.SetItemsProcessed(static_cast<std::int64_t>(callbacks));
+  state.counters["allocations"] =
+      static_cast<double>(allocationsDuring(sendBurst)) / (kValues * subscribers);
+}
+
+template <typename Road>
+void registerRoad() {
+  const std::string name = Road::kName;
+  const auto add = [](const std::string& title, auto&& run) {
+    benchmark::RegisterBenchmark(title.c_str(), run)->UseRealTime();
+  };
+  for (const Transport transport : {Transport::kTcp, Transport::kInproc}) {
+    const std::string over = transport == Transport::kTcp ? "tcp" : "inproc";
+    for (const std::size_t size : {kSmall, std::size_t{1024}, std::size_t{65536}}) {
+      add("throughput/" + over + "/" + std::to_string(size) + "/" + name,
+          [=](benchmark::State& state) { throughput<Road>(state, transport, size); });
+    }
+    add("latency/" + over + "/" + name,
+        [=](benchmark::State& state) { latency<Road>(state, transport); });
+  }
+}
+
+void registerAll() {
+  registerRoad<TesselRoad>();
+  registerRoad<RawRoad>();
+  for (const int subscribers : {1, 10, 100}) {
+    benchmark::RegisterBenchmark(("fan_out/" + std::to_string(subscribers)).c_str(),
+                                 [=](benchmark::State& state) { fanOut(state, subscribers); })
+        ->UseRealTime();
+  }
+}
+
+}  // namespace
+}  // namespace tessel::bench
+
+int main(int argc, char** argv) {
+  tessel::bench::registerAll();
+  return tessel::bench::runBenchmarks(argc, argv);
+}
