@@ -7,6 +7,7 @@
 
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/deadline.h"
@@ -48,15 +49,15 @@ class DispatcherTest : public ::testing::Test {
     EXPECT_EQ(socket.receive(), subscribed(key));
   }
 
-  /// Waits until every message sent so far has been delivered: the callbacks of one end before
-  /// those of the next begin.
+  /// Waits until every message sent so far has been delivered to everybody, the marker on the
+  /// updates socket included: the callbacks of one end before those of the next begin.
   void settle() {
-    const std::size_t updates = updatesMarker->journal.size();
-    const std::size_t cached = cacheMarker->journal.size();
-    broker.updates.send(valueMessage(kMarker, "."));
-    broker.cache.send(valueMessage(kMarker, "."));
-    EXPECT_TRUE(updatesMarker->journal.waitFor(updates + 1));
-    EXPECT_TRUE(cacheMarker->journal.waitFor(cached + 1));
+    for (const auto& [socket, marker] :
+         {std::pair{&broker.updates, updatesMarker}, std::pair{&broker.cache, cacheMarker}}) {
+      const std::size_t before = marker->journal.size();
+      socket->send(valueMessage(kMarker, "."));
+      EXPECT_TRUE(marker->journal.waitFor(before + 1));
+    }
   }
 
   /// Nothing has been sent to the broker that it has not read: a subscription made now is what it
