@@ -1,0 +1,14 @@
+#ifndef VITALS_HUB_H
+#define VITALS_HUB_H
+
+#include "options.h"
+#include "stop_signals.h"
+
+namespace vitals {
+
+/// The process that owns the broker. Returns the exit status.
+int runHub(const Options& options, StopSignals& stop);
+
+}  // namespace vitals
+
+#endif

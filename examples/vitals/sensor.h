@@ -1,0 +1,14 @@
+#ifndef VITALS_SENSOR_H
+#define VITALS_SENSOR_H
+
+#include "options.h"
+#include "stop_signals.h"
+
+namespace vitals {
+
+/// The process that publishes this machine's vital signs. Returns the exit status.
+int runSensor(const Options& options, StopSignals& stop);
+
+}  // namespace vitals
+
+#endif

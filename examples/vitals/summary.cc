@@ -1,0 +1,71 @@
+#include "summary.h"
+
+#include "format.h"
+
+namespace vitals {
+namespace {
+
+std::string count(std::int64_t number) { return formatCount(static_cast<std::uint64_t>(number)); }
+
+std::string names(const KeySet& keys) {
+  std::string text;
+  for (const std::string& key : keys) text += " " + key;
+  return text;
+}
+
+std::string describeHub(const std::optional<HubStatistics>& hub) {
+  if (!hub) return "nothing was heard of the hub in the end";
+  return count(hub->published) + " values: " + count(hub->published - hub->suppressed) +
+         " passed on, " + count(hub->suppressed) + " suppressed as unchanged";
+}
+
+std::string describeDeliveries(const Deliveries& d) {
+  return formatCount(d.total()) + " values: " + formatCount(d.allValues) + " AllValues, " +
+         formatCount(d.multi) + " MultiSubscriber, " + formatCount(d.newValues) + " NewValues, " +
+         formatCount(d.once) + " Once";
+}
+
+std::string describeJoin(const Join& join) {
+  if (!join.complete) return "not complete";
+  std::string text = formatCount(join.received) + " of " + formatCount(join.expected) +
+                     " cached values at once, the last " +
+                     formatMicroseconds(join.nanoseconds / 1000) + " after registering";
+  if (!join.difference.missing.empty()) text += "; missed:" + names(join.difference.missing);
+  if (!join.difference.unexpected.empty()) {
+    text += "; never published:" + names(join.difference.unexpected);
+  }
+  return text;
+}
+
+std::string describeLatency(const Picture& picture) {
+  return "p50 " + formatMicroseconds(picture.p50) + ", p99 " + formatMicroseconds(picture.p99) +
+         ", from publish to callback, " + formatCount(picture.liveValues) + " values";
+}
+
+std::string describeWithdrawals(const Picture& picture, const std::optional<HubStatistics>& hub,
+                                bool sensorEnded) {
+  if (!sensorEnded) return "nothing: the sensor has not said that it ends";
+  return formatCount(picture.withdrawn) + " of " + formatCount(picture.rows.size()) +
+         " values at the sensor's end, then the list of them" +
+         (hub ? ": " + count(hub->withdrawn) + " by the hub's count" : "");
+}
+
+}  // namespace
+
+Summary summarize(const Picture& picture, const std::optional<HubStatistics>& hub,
+                  bool sensorEnded) {
+  const auto line = [](const char* name, const std::string& text) {
+    return "  " + std::string(name) + text + "\n";
+  };
+  Summary summary;
+  summary.text = line("published    ", describeHub(hub)) +
+                 line("delivered    ", describeDeliveries(picture.deliveries)) +
+                 line("late joiner  ", describeJoin(picture.join)) +
+                 line("latency      ", describeLatency(picture)) +
+                 line("withdrawn    ", describeWithdrawals(picture, hub, sensorEnded));
+  summary.good = hub && picture.join.complete && picture.join.difference.none() &&
+                 (!sensorEnded || picture.withdrawn == picture.rows.size());
+  return summary;
+}
+
+}  // namespace vitals
