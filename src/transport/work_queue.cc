@@ -67,7 +67,7 @@ void WorkQueue::run() {
     task();
     {
       const Lock lock(mutex_);
-      if (--pending_ == 0) idle_.notifyOne();
+      if (--pending_ == 0) idle_.notifyAll();
     }
     // The task goes with its scope, without the lock: it may hold the last reference to something.
   }
