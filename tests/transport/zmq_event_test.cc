@@ -22,6 +22,7 @@ bool readable(const ZmqEvent& event) {
 bool isTaken(const std::string& endpoint) {
   void* const socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR);
   const bool taken = zmq_bind(socket, endpoint.c_str()) != 0 && zmq_errno() == EADDRINUSE;
+  if (!taken) zmq_unbind(socket, endpoint.c_str());  // at once; a close takes effect later
   zmq_close(socket);
   return taken;
 }

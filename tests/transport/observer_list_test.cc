@@ -1,0 +1,231 @@
+#include "transport/observer_list.h"
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/deadline.h"
+
+namespace tessel::test {
+namespace {
+
+class Observer {
+ public:
+  explicit Observer(std::string name = "") : name_(std::move(name)) {}
+  ~Observer() {
+    if (atEnd) atEnd();
+  }
+  Observer(const Observer&) = delete;
+  Observer& operator=(const Observer&) = delete;
+  const std::string& name() const { return name_; }
+
+  std::function<void()> atEnd;
+
+ private:
+  std::string name_;
+};
+
+using List = ObserverList<Observer>;
+
+// The names of those called, in order.
+std::string called(List& list) {
+  std::string names;
+  list.notify([&](const Observer& observer) { names += observer.name(); });
+  return names;
+}
+
+TEST(ObserverList, CallsInOrderOfAttachment) {
+  List list;
+  EXPECT_EQ(called(list), "");
+  const auto a = std::make_shared<Observer>("a");
+  const auto b = std::make_shared<Observer>("b");
+  const auto c = std::make_shared<Observer>("c");
+  list.attach(b);
+  list.attach(c);
+  list.attach(a);
+  EXPECT_EQ(called(list), "bca");
+  EXPECT_EQ(called(list), "bca");
+}
+
+TEST(ObserverList, HoldsWeaklyAndLeavesOutThoseThatAreGone) {
+  List list;
+  auto a = std::make_shared<Observer>("a");
+  auto b = std::make_shared<Observer>("b");
+  const auto c = std::make_shared<Observer>("c");
+  list.attach(a);
+  list.attach(b);
+  list.attach(c);
+  EXPECT_EQ(b.use_count(), 1);
+  b.reset();
+  EXPECT_EQ(called(list), "ac");
+  a.reset();
+  list.attach(std::make_shared<Observer>("gone at once"));
+  EXPECT_EQ(called(list), "c");
+}
+
+TEST(ObserverList, DoesNotKeepTheMemoryOfThoseThatAreGone) {
+  List list;
+  auto observer = std::make_shared<Observer>();
+  list.attach(observer);
+  EXPECT_EQ(observer.use_count(), 1);
+  called(list);
+  EXPECT_EQ(observer.use_count(), 1);  // nor does a pass leave a reference behind
+}
+
+TEST(ObserverList, CallsOneTwiceThatWasAttachedTwice) {
+  List list;
+  const auto a = std::make_shared<Observer>("a");
+  const auto b = std::make_shared<Observer>("b");
+  list.attach(a);
+  list.attach(b);
+  list.attach(a);
+  EXPECT_EQ(called(list), "aba");
+  list.detach(a);  // every time it is there
+  EXPECT_EQ(called(list), "b");
+}
+
+TEST(ObserverList, DetachLeavesTheOthersInOrder) {
+  List list;
+  const auto a = std::make_shared<Observer>("a");
+  const auto b = std::make_shared<Observer>("b");
+  const auto c = std::make_shared<Observer>("c");
+  for (const auto& observer : {a, b, c}) list.attach(observer);
+  list.detach(b);
+  EXPECT_EQ(called(list), "ac");
+  list.detach(b);
+  list.detach(std::make_shared<Observer>("never attached"));
+  EXPECT_EQ(called(list), "ac");
+  list.attach(b);
+  EXPECT_EQ(called(list), "acb");
+}
+
+TEST(ObserverList, NullDoesNothing) {
+  List list;
+  const auto a = std::make_shared<Observer>("a");
+  list.attach(a);
+  list.attach(nullptr);
+  list.detach(nullptr);
+  EXPECT_EQ(called(list), "a");
+}
+
+TEST(ObserverList, ClearDetachesAll) {
+  List list;
+  const auto a = std::make_shared<Observer>("a");
+  list.attach(a);
+  list.attach(a);
+  list.clear();
+  EXPECT_EQ(called(list), "");
+  list.attach(a);
+  EXPECT_EQ(called(list), "a");
+}
+
+TEST(ObserverList, WhatACallThrowsPassesAndTheListStaysUsable) {
+  List list;
+  const auto a = std::make_shared<Observer>("a");
+  list.attach(a);
+  EXPECT_THROW(list.notify([](const Observer&) { throw std::runtime_error("no"); }),
+               std::runtime_error);
+  EXPECT_EQ(a.use_count(), 1);
+  EXPECT_EQ(called(list), "a");
+}
+
+TEST(ObserverList, AttachingFromAnotherThreadWaitsUntilThePassIsOver) {
+  List list;
+  const auto a = std::make_shared<Observer>("a");
+  const auto b = std::make_shared<Observer>("b");
+  list.attach(a);
+  std::atomic<bool> attached{false};
+  std::atomic<bool> begun{false};
+  bool attachedMeanwhile = false;
+  std::thread other;
+  list.notify([&](const Observer&) {
+    other = std::thread([&] {
+      begun = true;
+      list.attach(b);
+      attached = true;
+    });
+    while (!begun) std::this_thread::yield();
+    // Long enough for an attach that does not wait to be seen.
+    attachedMeanwhile = eventually([&] { return attached.load(); }, std::chrono::milliseconds(50));
+  });
+  other.join();
+  EXPECT_FALSE(attachedMeanwhile);
+  EXPECT_EQ(called(list), "ab");
+}
+
+TEST(ObserverList, OneWhoseLastOwnerGoesDuringThePassMayDetachInItsDestructor) {
+  List list;
+  const auto other = std::make_shared<Observer>("b");
+  auto last = std::make_shared<Observer>("a");
+  bool destroyed = false;
+  last->atEnd = [&] {
+    list.detach(other);
+    destroyed = true;
+  };
+  list.attach(last);
+  list.attach(other);
+  std::string names;
+  list.notify([&](const Observer& observer) {
+    last.reset();  // the list's own reference is now the last
+    names += observer.name();
+  });
+  EXPECT_EQ(names, "ab");
+  EXPECT_TRUE(destroyed);
+  EXPECT_EQ(called(list), "");
+}
+
+TEST(ObserverList, OneWhoseLastOwnerGoesWhileItsLockIsHeldMayUseTheList) {
+  // With so many entries a detach() that looks at each is often the last to hold one of them.
+  List list;
+  std::atomic<bool> stop{false};
+  std::atomic<int> destroyed{0};
+  constexpr int kRounds = 10;
+  constexpr int kObservers = 50;
+  const auto stranger = std::make_shared<Observer>();
+  std::thread detaching([&] {
+    while (!stop) list.detach(stranger);
+  });
+  for (int round = 0; round < kRounds; ++round) {
+    std::vector<std::shared_ptr<Observer>> observers;
+    for (int i = 0; i < kObservers; ++i) {
+      observers.push_back(std::make_shared<Observer>());
+      observers.back()->atEnd = [&] {
+        list.detach(nullptr);
+        ++destroyed;
+      };
+      list.attach(observers.back());
+    }
+    observers.clear();
+  }
+  stop = true;
+  detaching.join();
+  EXPECT_EQ(destroyed.load(), kRounds * kObservers);
+}
+
+TEST(ObserverList, MayBeUsedByManyThreads) {
+  List list;
+  std::atomic<int> calls{0};
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 3; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 200; ++i) {
+        const auto own = std::make_shared<Observer>();
+        list.attach(own);
+        list.notify([&](const Observer& observer) { calls += observer.name().empty() ? 1 : 0; });
+        if (i % 3 == 0) list.detach(own);
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  EXPECT_GE(calls.load(), 600);
+  EXPECT_EQ(called(list), "");
+}
+
+}  // namespace
+}  // namespace tessel::test
