@@ -1,0 +1,31 @@
+// A client calls a service by its name; what the service throws, the client catches.
+#include <tessel/tessel.h>
+
+#include <cstring>
+#include <iostream>
+
+class Greeter : public tessel::Service {
+ public:
+  Greeter() : Service("greeter", "front door") {}
+  void callMethod(const std::string& method, const void* data, std::size_t size,
+                  std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize) override {
+    if (method != "greet") throw std::runtime_error("no such method: " + method);
+    out.reset(new std::uint8_t[outSize = size + 7]);
+    std::memcpy(out.get(), "Hello, ", 7);
+    std::memcpy(out.get() + 7, data, size);
+  }
+};
+
+int main() {
+  // Between processes the names are "tcp://*:9020" here and "tcp://localhost:9020" there.
+  auto workers = std::make_shared<tessel::ThreadedRpcDispatcher>();
+  tessel::RpcBroker broker(true, {"inproc://calls"}, workers);
+  broker.registerService(std::make_shared<Greeter>());
+  broker.start();
+
+  tessel::RpcClient client("inproc://calls", std::chrono::seconds(5));
+  std::unique_ptr<std::uint8_t[]> answer;
+  std::size_t size = 0;
+  client.CallMethod("greeter", "front door", "greet", "world", 5, answer, size);
+  std::cout << std::string(answer.get(), answer.get() + size) << "\n";
+}
