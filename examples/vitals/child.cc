@@ -14,6 +14,14 @@
 namespace vitals {
 namespace {
 
+// The path of this program, so that process lists show its name; without /proc, what it was called.
+std::string thisProgram() {
+  std::array<char, 4096> path{};
+  const ssize_t size = readlink("/proc/self/exe", path.data(), path.size());
+  if (size <= 0 || size == static_cast<ssize_t>(path.size())) return program_invocation_name;
+  return std::string(path.data(), static_cast<std::size_t>(size));
+}
+
 // Between fork() and exec(): Ctrl-C, which the terminal sends to every process of the group, and
 // the end of the terminal are left to the supervisor; its own death is told.
 void prepare(pid_t supervisor) {
@@ -41,12 +49,13 @@ Child::Child(const std::string& role, std::vector<std::string> arguments) : role
   for (std::string& argument : arguments) argv.push_back(argument.data());
   argv.push_back(nullptr);
 
+  const std::string program = thisProgram();
   const pid_t supervisor = getpid();
   pid_ = fork();
   if (pid_ == 0) {
     prepare(supervisor);
     fcntl(pipeEnds[1], F_SETFD, 0);  // the one descriptor that it inherits besides the usual three
-    execv("/proc/self/exe", argv.data());
+    execvp(program.c_str(), argv.data());
     _exit(127);
   }
   close(pipeEnds[1]);

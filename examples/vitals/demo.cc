@@ -97,6 +97,8 @@ class Demo {
   }
 
   bool pause(milliseconds time) {
+    std::printf("viewer  joins in %.1f s\n", static_cast<double>(time.count()) / 1000);
+    std::fflush(stdout);
     const auto end = Clock::now() + time;
     while (allRun() && Clock::now() < end) {
       if (stop_.waitFor(kLook)) return false;

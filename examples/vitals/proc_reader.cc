@@ -122,14 +122,15 @@ Vitals parseMemory(const std::string& meminfo) {
   return vitals;
 }
 
-Vitals parseLoad(const std::string& loadavg) {
+Vitals parseLoad(const std::string& loadavg, std::size_t cores) {
   double one = 0, five = 0, fifteen = 0, running = 0, tasks = 0;
   char slash = 0;
   std::istringstream fields(loadavg);
   if (!(fields >> one >> five >> fifteen)) return {};
-  Vitals vitals{{"load", "1min", {Unit::Load, one, 0, 0}},
-                {"load", "5min", {Unit::Load, five, 0, 0}},
-                {"load", "15min", {Unit::Load, fifteen, 0, 0}}};
+  const auto limit = static_cast<double>(cores);
+  Vitals vitals{{"load", "1min", {Unit::Load, one, limit, 0}},
+                {"load", "5min", {Unit::Load, five, limit, 0}},
+                {"load", "15min", {Unit::Load, fifteen, limit, 0}}};
   if (fields >> running >> slash >> tasks) {
     vitals.push_back({"tasks", "running", {Unit::Count, running, 0, 0}});
     vitals.push_back({"tasks", "all", {Unit::Count, tasks, 0, 0}});
@@ -149,19 +150,19 @@ Vitals ProcReader::read(std::int64_t time) {
   const double seconds = static_cast<double>(time - lastTime_) / 1e9;
   lastTime_ = time;
   Vitals vitals;
-  readCpu(vitals);
+  const std::size_t cores = readCpu(vitals);
   const auto add = [&](const Vitals& more) {
     vitals.insert(vitals.end(), more.begin(), more.end());
   };
   add(parseMemory(text("meminfo")));
-  add(parseLoad(text("loadavg")));
+  add(parseLoad(text("loadavg"), cores));
   readCounters(vitals, "net", parseInterfaces(text("net/dev")), ".in", ".out", seconds);
   readCounters(vitals, "disk", parseDisks(text("diskstats")), ".read", ".write", seconds);
   add(parseUptime(text("uptime")));
   return vitals;
 }
 
-void ProcReader::readCpu(Vitals& vitals) {
+std::size_t ProcReader::readCpu(Vitals& vitals) {
   std::map<std::string, CpuTimes> current;
   for (const CpuTimes& cpu : parseCpuTimes(text("stat"))) {
     current[cpu.name] = cpu;
@@ -173,6 +174,7 @@ void ProcReader::readCpu(Vitals& vitals) {
     vitals.push_back({"cpu", tagFor(cpu.name), {Unit::Percent, percent, 100, 0}});
   }
   lastCpu_.swap(current);
+  return lastCpu_.size() - lastCpu_.count("all");
 }
 
 void ProcReader::readCounters(Vitals& vitals, const std::string& topic,

@@ -40,7 +40,8 @@ std::vector<ByteCounts> parseInterfaces(const std::string& netDev);
 std::vector<ByteCounts> parseDisks(const std::string& diskstats);
 
 Vitals parseMemory(const std::string& meminfo);
-Vitals parseLoad(const std::string& loadavg);
+/// A load of one a core is the most that does not make anybody wait. 0 cores: it is not known.
+Vitals parseLoad(const std::string& loadavg, std::size_t cores);
 Vitals parseUptime(const std::string& uptime);
 
 /// Reads all vital signs of this machine. A file that is not there is no error: containers hide
@@ -52,7 +53,7 @@ class ProcReader {
   Vitals read(std::int64_t time);
 
  private:
-  void readCpu(Vitals& vitals);
+  std::size_t readCpu(Vitals& vitals);  // returns how many cores there are
   void readCounters(Vitals& vitals, const std::string& topic, const std::vector<ByteCounts>& counts,
                     const char* inTag, const char* outTag, double seconds);
   std::string text(const char* file) const;

@@ -106,10 +106,11 @@ TEST(ProcReader, EstimatesFreeMemoryWhereTheKernelDoesNot) {
 }
 
 TEST(ProcReader, ReadsLoadAndTasks) {
-  const Vitals vitals = parseLoad("0.25 1.50 2.75 3/91 6174\n");
+  const Vitals vitals = parseLoad("0.25 1.50 2.75 3/91 6174\n", 2);
   ASSERT_THAT(keysOf(vitals),
               ElementsAre("load:1min", "load:5min", "load:15min", "tasks:running", "tasks:all"));
   EXPECT_EQ(vitals[1].reading.amount, 1.5);
+  EXPECT_EQ(vitals[1].reading.limit, 2);
   EXPECT_EQ(vitals[3].reading.amount, 3);
   EXPECT_EQ(vitals[4].reading.amount, 91);
 }
@@ -127,7 +128,7 @@ TEST(ProcReader, MakesNothingOfNonsense) {
     EXPECT_THAT(parseInterfaces(text), IsEmpty()) << text;
     EXPECT_THAT(parseDisks(text), IsEmpty()) << text;
     EXPECT_THAT(parseMemory(text), IsEmpty()) << text;
-    EXPECT_THAT(parseLoad(text), IsEmpty()) << text;
+    EXPECT_THAT(parseLoad(text, 1), IsEmpty()) << text;
     EXPECT_THAT(parseUptime(text), IsEmpty()) << text;
   }
   EXPECT_THAT(parseDisks("8 0 sda 1 2\n"), IsEmpty());

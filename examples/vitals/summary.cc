@@ -16,20 +16,19 @@ std::string names(const KeySet& keys) {
 std::string describeHub(const std::optional<HubStatistics>& hub) {
   if (!hub) return "nothing was heard of the hub in the end";
   return count(hub->published) + " values: " + count(hub->published - hub->suppressed) +
-         " passed on, " + count(hub->suppressed) + " suppressed as unchanged";
+         " passed on, " + count(hub->suppressed) + " unchanged and suppressed";
 }
 
 std::string describeDeliveries(const Deliveries& d) {
-  return formatCount(d.total()) + " values: " + formatCount(d.allValues) + " AllValues, " +
-         formatCount(d.multi) + " MultiSubscriber, " + formatCount(d.newValues) + " NewValues, " +
-         formatCount(d.once) + " Once";
+  return formatCount(d.total()) + " values: AllValues " + formatCount(d.allValues) + ", prefix " +
+         formatCount(d.multi) + ", NewValues " + formatCount(d.newValues) + ", Once " +
+         formatCount(d.once);
 }
 
 std::string describeJoin(const Join& join) {
   if (!join.complete) return "not complete";
   std::string text = formatCount(join.received) + " of " + formatCount(join.expected) +
-                     " cached values at once, the last " +
-                     formatMicroseconds(join.nanoseconds / 1000) + " after registering";
+                     " cached values at once, in " + formatMicroseconds(join.nanoseconds / 1000);
   if (!join.difference.missing.empty()) text += "; missed:" + names(join.difference.missing);
   if (!join.difference.unexpected.empty()) {
     text += "; never published:" + names(join.difference.unexpected);
@@ -39,15 +38,14 @@ std::string describeJoin(const Join& join) {
 
 std::string describeLatency(const Picture& picture) {
   return "p50 " + formatMicroseconds(picture.p50) + ", p99 " + formatMicroseconds(picture.p99) +
-         ", from publish to callback, " + formatCount(picture.liveValues) + " values";
+         " from publisher to callback, " + formatCount(picture.liveValues) + " values";
 }
 
 std::string describeWithdrawals(const Picture& picture, const std::optional<HubStatistics>& hub,
                                 bool sensorEnded) {
   if (!sensorEnded) return "nothing: the sensor has not said that it ends";
   return formatCount(picture.withdrawn) + " of " + formatCount(picture.rows.size()) +
-         " values at the sensor's end, then the list of them" +
-         (hub ? ": " + count(hub->withdrawn) + " by the hub's count" : "");
+         " values and the list of them" + (hub ? "; the hub counted " + count(hub->withdrawn) : "");
 }
 
 }  // namespace
@@ -58,7 +56,7 @@ Summary summarize(const Picture& picture, const std::optional<HubStatistics>& hu
     return "  " + std::string(name) + text + "\n";
   };
   Summary summary;
-  summary.text = line("published    ", describeHub(hub)) +
+  summary.text = "\n" + line("published    ", describeHub(hub)) +
                  line("delivered    ", describeDeliveries(picture.deliveries)) +
                  line("late joiner  ", describeJoin(picture.join)) +
                  line("latency      ", describeLatency(picture)) +

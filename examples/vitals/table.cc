@@ -19,10 +19,10 @@ constexpr int kWidestGraph = static_cast<int>(Board::kHistory);
 // The rows of one topic under its name.
 struct Panel {
   std::string topic;
+  std::size_t values = 0;  // live ones so far
   std::vector<const Row*> rows;
-  std::size_t values = 0;
   std::size_t hidden = 0;  // rows there is no room for
-  int height() const { return 1 + static_cast<int>(rows.size()) + (hidden > 0 ? 1 : 0); }
+  int height() const { return 1 + static_cast<int>(rows.size()); }
 };
 
 std::vector<Panel> panelsOf(const Picture& picture) {
@@ -34,7 +34,7 @@ std::vector<Panel> panelsOf(const Picture& picture) {
                               [&](const Panel& known) { return known.topic == topic; });
     if (panel == panels.end()) {
       const auto values = picture.topics.find(topic);
-      panels.push_back({topic, {}, values == picture.topics.end() ? 0 : values->second, 0});
+      panels.push_back({topic, values == picture.topics.end() ? 0 : values->second, {}, 0});
       panel = std::prev(panels.end());
     }
     panel->rows.push_back(&row);
@@ -80,7 +80,7 @@ void putRow(Line& line, const Row& row, int left, int width, int tagWidth, Look 
   if (graph >= 6) {
     if (row.reading->limit > 0) {
       putBar(line, *row.reading, graph, look);
-    } else if (row.reading->unit == Unit::BytesPerSecond || row.reading->unit == Unit::Load) {
+    } else if (row.reading->unit == Unit::BytesPerSecond) {
       putCurve(line, row.history, graph, look);
     }
   }
@@ -89,97 +89,101 @@ void putRow(Line& line, const Row& row, int left, int width, int tagWidth, Look 
 
 // ---- the layout
 
-// Takes rows from the largest panels until all of them fit.
-void shrink(std::vector<Panel>& panels, int lines) {
-  const auto total = [&] {
-    int sum = 0;
-    for (const Panel& panel : panels) sum += panel.height() + 1;
-    return sum;
-  };
-  while (!panels.empty() && total() > lines) {
-    Panel& largest = *std::max_element(
-        panels.begin(), panels.end(),
-        [](const Panel& a, const Panel& b) { return a.rows.size() < b.rows.size(); });
-    if (largest.rows.size() <= 1) {
-      panels.pop_back();
-      continue;
-    }
-    largest.rows.pop_back();
-    ++largest.hidden;
-  }
-}
-
-// Fills columns from the top, a panel never split; false if they do not fit.
-bool distribute(const std::vector<Panel>& panels, int columnCount, int lines,
-                std::vector<std::vector<const Panel*>>& filled) {
-  filled.assign(1, {});
-  int used = 0;
-  for (const Panel& panel : panels) {
-    const int needed = panel.height() + (used > 0 ? 1 : 0);  // a blank line between two
-    if (used > 0 && used + needed > lines) {
-      filled.emplace_back();
-      used = panel.height();
-    } else {
-      used += needed;
-    }
-    filled.back().push_back(&panel);
-    if (used > lines) return false;
-  }
-  return static_cast<int>(filled.size()) <= columnCount;
-}
-
-struct Layout {
-  int columnCount;
-  int columnWidth;
+// Where the panels go: in columns filled from the top, no panel ever split.
+struct Arrangement {
+  std::vector<std::vector<const Panel*>> columns;
+  int height = 0;
+  int gap = 1;  // blank lines between two panels
 };
 
-Layout layoutFor(int width) {
+bool arrange(const std::vector<Panel>& panels, std::size_t columnCount, Arrangement& result) {
+  result.columns.assign(1, {});
+  int used = 0;
+  for (const Panel& panel : panels) {
+    const int gap = used > 0 ? result.gap : 0;
+    if (used > 0 && used + gap + panel.height() > result.height) {
+      result.columns.emplace_back();
+      used = panel.height();
+    } else {
+      used += gap + panel.height();
+    }
+    result.columns.back().push_back(&panel);
+    if (used > result.height) return false;
+  }
+  return result.columns.size() <= columnCount;
+}
+
+// As low as can be, so that the columns are about equally high.
+bool arrangeWithin(const std::vector<Panel>& panels, std::size_t columnCount, int lines,
+                   Arrangement& result) {
+  for (result.gap = 1; result.gap >= 0; --result.gap) {
+    for (result.height = 1; result.height <= lines; ++result.height) {
+      if (arrange(panels, columnCount, result)) return true;
+    }
+  }
+  return false;
+}
+
+// The largest panel loses a row, or the last one goes if none has more than one.
+void shrink(std::vector<Panel>& panels) {
+  const auto largest = std::max_element(
+      panels.begin(), panels.end(),
+      [](const Panel& left, const Panel& right) { return left.rows.size() < right.rows.size(); });
+  if (largest->rows.size() <= 1) {
+    panels.pop_back();
+  } else {
+    largest->rows.pop_back();
+    ++largest->hidden;
+  }
+}
+
+struct Columns {
+  std::size_t count;
+  int width;
+  int right() const { return static_cast<int>(count) * (width + kColumnGap) - kColumnGap; }
+};
+
+Columns columnsFor(int width) {
   const int count = width >= 2 * kNarrowestColumn + kColumnGap ? 2 : 1;
-  return {count, std::min((width - (count - 1) * kColumnGap) / count, kWidestColumn)};
+  return {static_cast<std::size_t>(count),
+          std::min((width - (count - 1) * kColumnGap) / count, kWidestColumn)};
 }
 
-void drawColumn(std::vector<Line>& body, const std::vector<const Panel*>& panels, int left,
-                int width, Look look) {
-  std::size_t at = 0;
-  const auto next = [&]() -> Line& { return body[std::min(at++, body.size() - 1)]; };
-  for (const Panel* panel : panels) {
-    if (at > 0) ++at;
-    const std::string values = formatCount(panel->values) + " new";
-    Line& title = next();
-    title.padTo(left).put(panel->topic + " ", Ink::Bold);
-    title.padTo(left + width - columns(values) - 1, look.unicode ? "─" : "-", Ink::Dim);
-    title.put(" ").putRight(left + width, values, Ink::Dim);
-    std::size_t longest = 4;
-    for (const Row* row : panel->rows) longest = std::max(longest, tagOf(row->key).size());
-    const int tagWidth = std::min(static_cast<int>(longest), std::max(width / 3, 4));
-    for (const Row* row : panel->rows) putRow(next(), *row, left, width, tagWidth, look);
-    if (panel->hidden > 0) {
-      next().padTo(left).put("and " + std::to_string(panel->hidden) + " more", Ink::Dim);
-    }
+void putTitle(Line& line, const Panel& panel, int left, int width, Look look) {
+  const std::string values = formatCount(panel.values) + " new";
+  line.padTo(left).put(panel.topic + " ", Ink::Bold);
+  if (panel.hidden > 0) {
+    line.put(formatCount(panel.rows.size()) + " of " +
+                 formatCount(panel.rows.size() + panel.hidden) + " ",
+             Ink::Dim);
   }
+  line.padTo(left + width - columns(values) - 1, look.unicode ? "─" : "-", Ink::Dim);
+  line.put(" ").putRight(left + width, values, Ink::Dim);
 }
 
-// As low as it can be: the columns are then about equally high.
+void putPanel(std::vector<Line>& body, std::size_t top, const Panel& panel, int left, int width,
+              Look look) {
+  putTitle(body[top], panel, left, width, look);
+  int tagWidth = 0;
+  for (const Row* row : panel.rows) tagWidth = std::max(tagWidth, columns(tagOf(row->key)));
+  tagWidth = std::min(tagWidth, width / 3);
+  for (const Row* row : panel.rows) putRow(body[++top], *row, left, width, tagWidth, look);
+}
+
 std::vector<Line> drawBody(std::vector<Panel> panels, Size size, int lines, Look look) {
-  const Layout layout = layoutFor(size.width);
-  std::vector<std::vector<const Panel*>> filled;
-  int height = 1;
-  for (;; ++height) {
-    if (height > lines) {
-      height = lines;
-      int rows = 0;
-      for (const Panel& panel : panels) rows += panel.height() + 1;
-      if (rows == 0) break;
-      shrink(panels, rows - 1);
-      height = 0;
-      continue;
+  const Columns layout = columnsFor(size.width);
+  Arrangement arrangement;
+  while (!arrangeWithin(panels, layout.count, lines, arrangement)) shrink(panels);
+  std::vector<Line> body(static_cast<std::size_t>(arrangement.height),
+                         Line(size.width, look.colour));
+  int left = 0;
+  for (const auto& column : arrangement.columns) {
+    int top = 0;
+    for (const Panel* panel : column) {
+      putPanel(body, static_cast<std::size_t>(top), *panel, left, layout.width, look);
+      top += panel->height() + arrangement.gap;
     }
-    if (distribute(panels, layout.columnCount, height, filled)) break;
-  }
-  std::vector<Line> body(static_cast<std::size_t>(height), Line(size.width, look.colour));
-  for (std::size_t i = 0; i < filled.size(); ++i) {
-    const int left = static_cast<int>(i) * (layout.columnWidth + kColumnGap);
-    drawColumn(body, filled[i], left, layout.columnWidth, look);
+    left += layout.width + kColumnGap;
   }
   return body;
 }
@@ -187,45 +191,62 @@ std::vector<Line> drawBody(std::vector<Panel> panels, Size size, int lines, Look
 // ---- above and below
 
 Line headline(const Picture& picture, Size size, Look look) {
-  const Layout layout = layoutFor(size.width);
-  const int right = layout.columnCount * (layout.columnWidth + kColumnGap) - kColumnGap;
   std::size_t shown = 0;
   for (const Row& row : picture.rows) shown += row.reading ? 1U : 0U;
+  const std::string values = formatCount(shown) + " values";
+  const int right = columnsFor(size.width).right();
   Line line(size.width, look.colour);
-  line.put("vitals", Ink::Bold).put("  sensor > hub > viewer", Ink::Dim);
-  line.putRight(right, formatCount(shown) + " values", Ink::Dim);
+  line.put("vitals", Ink::Bold);
+  if (right >= 44) line.put("  sensor > hub > viewer", Ink::Dim);
+  if (line.column() + columns(values) < right) line.putRight(right, values, Ink::Dim);
   return line;
 }
 
-std::vector<Line> footer(const Picture& picture, const std::optional<HubStatistics>& hub, Size size,
-                         Look look) {
-  std::vector<Line> lines(3, Line(size.width, look.colour));
-  const auto fact = [&](Line& line, const std::string& amount, const char* what) {
-    line.put("  ").putRight(line.column() + 7, amount, Ink::Bold).put(" ").put(what);
-    line.padTo(line.column() + 12 - columns(what));
-  };
-  const auto count = [](std::int64_t number) {
-    return formatCount(static_cast<std::uint64_t>(number));
-  };
-  lines[0].put("hub    ", Ink::Cyan);
-  if (hub) {
-    fact(lines[0], count(hub->published), "published");
-    fact(lines[0], count(hub->suppressed), "unchanged");
-    fact(lines[0], count(hub->subscriptions), "subscribed");
+// A line of the footer: facts one below the other, as many as there is room for.
+class Facts {
+ public:
+  Facts(const char* name, Size size, Look look)
+      : width_(size.width), line_(size.width, look.colour) {
+    line_.put(name, Ink::Cyan).padTo(6);
   }
-  lines[1].put("viewer ", Ink::Cyan);
-  fact(lines[1], formatCount(picture.deliveries.total()), "delivered");
-  fact(lines[1], formatMicroseconds(picture.p50, look.unicode), "p50");
-  fact(lines[1], formatMicroseconds(picture.p99, look.unicode), "p99");
-  lines[2].put("joined ", Ink::Cyan);
+  Facts& add(const std::string& amount, const std::string& what) {
+    constexpr int kAmountWidth = 9;
+    constexpr int kWhatWidth = 12;
+    const int amountEnd = line_.column() + kAmountWidth;
+    if (amountEnd + 1 + columns(what) > width_) return *this;
+    line_.putRight(amountEnd, amount, Ink::Bold).put(" " + what);
+    line_.padTo(amountEnd + kWhatWidth);
+    return *this;
+  }
+  Facts& add(std::int64_t count, const std::string& what) {
+    return add(formatCount(static_cast<std::uint64_t>(count)), what);
+  }
+  const Line& line() const { return line_; }
+
+ private:
+  int width_;
+  Line line_;
+};
+
+std::vector<Line> footer(const Picture& picture, const HubStatistics& hub, Size size, Look look) {
+  const auto time = [&](std::int64_t microseconds) {
+    return formatMicroseconds(microseconds, look.unicode);
+  };
+  Facts first("hub", size, look);
+  first.add(hub.published, "published").add(hub.suppressed, "unchanged");
+  first.add(hub.subscriptions, "subscribed");
+  Facts second("viewer", size, look);
+  second.add(static_cast<std::int64_t>(picture.deliveries.total()), "delivered");
+  second.add(time(picture.p50), "p50").add(time(picture.p99), "p99");
+  Facts third("joined", size, look);
   if (picture.join.complete) {
-    fact(lines[2], formatCount(picture.join.received), "cached");
-    fact(lines[2], formatCount(picture.join.difference.missing.size()), "missed");
-    fact(lines[2], formatMicroseconds(picture.join.nanoseconds / 1000, look.unicode), "for all");
+    third.add(static_cast<std::int64_t>(picture.join.received), "cached");
+    third.add(static_cast<std::int64_t>(picture.join.difference.missing.size()), "missed");
+    third.add(time(picture.join.nanoseconds / 1000), "for all");
   } else {
-    lines[2].put("  waiting for the sensor", Ink::Dim);
+    third.add("not yet:", "waiting for the sensor");
   }
-  return lines;
+  return {first.line(), second.line(), third.line()};
 }
 
 }  // namespace
@@ -239,7 +260,8 @@ std::vector<std::string> drawTable(const Picture& picture, const std::optional<H
     for (Line& line : drawBody(panelsOf(picture), size, room, look)) lines.push_back(line);
     lines.emplace_back(size.width, look.colour);
   }
-  for (Line& line : footer(picture, hub, size, look)) lines.push_back(line);
+  for (Line& line : footer(picture, hub.value_or(HubStatistics()), size, look))
+    lines.push_back(line);
   if (static_cast<int>(lines.size()) > size.height) {
     lines.erase(lines.begin() + std::max(size.height, 0), lines.end());
   }

@@ -29,8 +29,8 @@ void show(Board& board, const Feed& feed, Screen& screen) {
   const Picture picture = pictureOf(board, feed);
   if (screen.live()) {
     screen.draw(drawTable(picture, feed.hub().latest(), screen.size(), screen.look()));
-  } else if (picture.join.complete) {
-    std::printf("%s\n", drawLine(picture).c_str());
+  } else if (const std::string line = drawLine(picture); !line.empty()) {
+    std::printf("%s\n", line.c_str());
     std::fflush(stdout);
   }
 }
