@@ -36,6 +36,19 @@ const std::string& onlyTransport(const std::vector<std::string>& transports) {
 
 }  // namespace
 
+std::shared_ptr<Service> LocalRoad::find(const std::string& service, const std::string& instance,
+                                         std::shared_ptr<ObserverData>& observers) {
+  const Lock lock(mutex_);
+  if (broker_ == nullptr) return nullptr;
+  observers = broker_->observerData();
+  return broker_->findLocalService(service, instance);
+}
+
+void LocalRoad::close() {
+  const Lock lock(mutex_);
+  broker_ = nullptr;
+}
+
 RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transports,
                              std::shared_ptr<RpcDispatcher> dispatcher)
     : master_(master),
@@ -48,7 +61,8 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
                 ? PollSet{stopEvent_.pollHandle(), mainSocket_.handle()}
                 : PollSet{stopEvent_.pollHandle(), mainSocket_.handle(), internalSocket_.handle()}),
       dispatcher_(std::move(dispatcher)),
-      observers_(std::make_shared<ObserverData>()) {
+      observers_(std::make_shared<ObserverData>()),
+      localRoad_(std::make_shared<LocalRoad>(*this)) {
   if (master_) {
     for (const std::string& transport : transports) mainSocket_.bind(transport);
     mainSocket_.bind(routerEndpoint_);
@@ -60,7 +74,10 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
   internalSocket_.bind(internalEndpoint_);
 }
 
-RpcBrokerImpl::~RpcBrokerImpl() { stop(false, false); }
+RpcBrokerImpl::~RpcBrokerImpl() {
+  stop(false, false);
+  localRoad_->close();
+}
 
 bool RpcBrokerImpl::isRetired(const std::string& endpoint) {
   if (endpoint.compare(0, kRouterEndpoint.size(), kRouterEndpoint) != 0) return false;

@@ -22,6 +22,27 @@
 
 namespace tessel {
 
+class RpcBrokerImpl;
+
+/// How clients of the process reach their broker without owning it, not even for a moment: the
+/// release of the last owner stops the broker, which a worker of it, running a service that calls
+/// its own broker, could not wait for. Outlives the broker; any thread.
+class LocalRoad {
+ public:
+  explicit LocalRoad(RpcBrokerImpl& broker) : broker_(&broker) {}
+
+  /// The service with the observers of its broker; null when the broker is gone, does not run or
+  /// does not have it.
+  std::shared_ptr<Service> find(const std::string& service, const std::string& instance,
+                                std::shared_ptr<ObserverData>& observers) TESSEL_EXCLUDES(mutex_);
+  /// Waits for those who are looking; nothing is found from now on.
+  void close() TESSEL_EXCLUDES(mutex_);
+
+ private:
+  Mutex mutex_;  // taken before the broker's registry lock
+  RpcBrokerImpl* broker_ TESSEL_GUARDED_BY(mutex_);
+};
+
 /// The broker behind the front: its sockets, registries and observers, and the thread that routes.
 ///
 /// Starting and stopping have a lock of their own, apart from that of the registry: a stop waits
@@ -50,6 +71,7 @@ class RpcBrokerImpl {
   std::shared_ptr<Service> findLocalService(const std::string& service, const std::string& instance)
       TESSEL_EXCLUDES(registryMutex_);
   std::shared_ptr<ObserverData> observerData() const { return observers_; }
+  std::shared_ptr<LocalRoad> localRoad() const { return localRoad_; }
 
   /// One pass of the broker's loop: at most one message of each socket. False once it is to stop.
   bool serveOnce();
@@ -102,6 +124,7 @@ class RpcBrokerImpl {
   ServiceKeys withdrawn_ TESSEL_GUARDED_BY(registryMutex_);
 
   const std::shared_ptr<ObserverData> observers_;  // locks itself
+  const std::shared_ptr<LocalRoad> localRoad_;     // locks itself
 };
 
 }  // namespace tessel

@@ -20,18 +20,17 @@ class RpcClientImpl {
   RpcClientImpl(const std::string& transport, std::chrono::milliseconds timeout)
       : endpoint_(transport), receiveTimeout(timeout.count()) {}
   RpcClientImpl(const std::shared_ptr<RpcBroker>& broker, std::chrono::milliseconds timeout)
-      : broker_(broker), endpoint_(endpointOf(broker)), receiveTimeout(timeout.count()) {}
+      : localRoad_(implOf(broker).localRoad()),
+        endpoint_(implOf(broker).clientEndpoint()),
+        receiveTimeout(timeout.count()) {}
 
   /// False when no running broker of this process has the service.
   bool callLocally(const std::string& service, const std::string& instance,
                    const std::string& method, const void* data, std::size_t size,
                    std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize) const {
-    std::shared_ptr<Service> target;
+    if (localRoad_ == nullptr) return false;
     std::shared_ptr<ObserverData> observerData;
-    if (const std::shared_ptr<RpcBroker> broker = broker_.lock()) {
-      target = broker->impl_->findLocalService(service, instance);
-      observerData = broker->impl_->observerData();
-    }  // released before the service runs, which may hold the last other reference
+    const std::shared_ptr<Service> target = localRoad_->find(service, instance, observerData);
     if (target == nullptr) return false;
     const ObserverSnapshot observers = observerData->snapshot();
     const ServiceCall call{service, instance, method, data, size, observers};
@@ -53,9 +52,9 @@ class RpcClientImpl {
   }
 
  private:
-  static std::string endpointOf(const std::shared_ptr<RpcBroker>& broker) {
+  static const RpcBrokerImpl& implOf(const std::shared_ptr<RpcBroker>& broker) {
     if (broker == nullptr) throw std::invalid_argument("RPC broker must not be null!");
-    return broker->impl_->clientEndpoint();
+    return *broker->impl_;
   }
 
   // A request socket that has lost its reply cannot send again. If it waits for a broker of this
@@ -85,7 +84,7 @@ class RpcClientImpl {
     }
   }
 
-  const std::weak_ptr<RpcBroker> broker_;
+  const std::shared_ptr<LocalRoad> localRoad_;  // null when made on an endpoint
   const std::string endpoint_;
 
  public:
