@@ -1,0 +1,395 @@
+#include <system_error>
+#include <thread>
+
+#include "life_fixture.h"
+
+namespace tessel::test {
+namespace {
+
+using Offered = std::set<std::string>;
+
+bool isDeadlockError(const std::system_error& error) {
+  return error.code() == std::errc::resource_deadlock_would_occur;
+}
+
+TEST(RpcBrokerLife, StartsOnceAndStopsOnce) {
+  const Watchdog watchdog("starting and stopping twice");
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  RpcBroker broker(true, {}, dispatcher);
+  const int before = threadCount();
+  broker.start();
+  broker.start();
+  EXPECT_EQ(dispatcher->starts, 1);
+  EXPECT_EQ(threadCount(), before + 1);
+  broker.stop();
+  broker.stop();
+  EXPECT_EQ(dispatcher->stops, 1);
+  broker.start();
+  EXPECT_EQ(dispatcher->starts, 2);
+  broker.stop();
+  EXPECT_EQ(dispatcher->stops, 2);
+}
+
+TEST(RpcBrokerLife, StopsFromManyThreadsStopOnce) {
+  const Watchdog watchdog("stopping from many threads");
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  RpcBroker broker(true, {}, dispatcher);
+  for (int round = 0; round < 50; ++round) {
+    broker.start();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 4; ++i) threads.emplace_back([&] { broker.stop(); });
+    for (std::thread& thread : threads) thread.join();
+    ASSERT_EQ(dispatcher->starts, round + 1);
+    ASSERT_EQ(dispatcher->stops, round + 1);
+  }
+}
+
+class CountingObserver : public QuietObserver {
+ public:
+  void onServiceRegistered(const std::string&, const std::string&, bool local,
+                           const Identity&) override {
+    if (!local) ++slaves;
+  }
+  void onRequest(const std::string&, const std::string&, const std::string&, const void*,
+                 std::size_t) override {
+    ++requests;
+  }
+  std::atomic<int> requests{0};
+  std::atomic<int> slaves{0};
+};
+
+TEST(RpcBrokerLife, FlagsOfAStopThatFindsNothingRunningAreIgnored) {
+  const Watchdog watchdog("stop with flags");
+  const auto broker = makeMaster({});
+  const auto observer = std::make_shared<CountingObserver>();
+  broker->registerService(makeEcho("s", "i"));
+  broker->attach(observer);
+  broker->stop(true, true);
+  RpcClient client(broker, kLong);
+  for (int run = 1; run <= 2; ++run) {
+    broker->start();
+    EXPECT_EQ(call(client, "s", "i", "m", "x"), "s/i/m/x");
+    EXPECT_EQ(observer->requests, run);
+    broker->stop();
+    broker->stop(true, true);
+  }
+}
+
+TEST(RpcBrokerLife, StopForgetsServicesOnlyWhenTold) {
+  const Watchdog watchdog("stop with clearServices");
+  const std::string endpoint = uniqueInproc();
+  const auto broker = makeMaster({endpoint});
+  const auto observer = std::make_shared<CountingObserver>();
+  broker->attach(observer);
+  broker->registerService(makeEcho("s", "i"));
+  RawPeer slave(ZMQ_DEALER);
+  slave.connect(endpoint).send(registration(true, "remote", "i"));
+  broker->start();
+  ASSERT_TRUE(eventually([&] { return observer->slaves == 1; }));
+  RpcClient client(broker, kLong);
+  EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
+  {
+    RpcClient hasty(broker, milliseconds(0));
+    EXPECT_EQ(outcome(hasty, "remote", "i"), "timeout");
+  }
+  EXPECT_EQ(slave.receive().size(), 9U);  // the client's identity stands before the rest
+  broker->stop(true, false);
+  broker->start();
+  EXPECT_EQ(outcome(client, "s", "i"), notFound("s", "i"));
+  EXPECT_EQ(outcome(client, "remote", "i"), notFound("remote", "i"));
+  broker->registerService(makeEcho("s", "i"));
+  EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
+  EXPECT_EQ(observer->requests, 2);
+  broker->stop(false, true);
+  broker->start();
+  EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
+  EXPECT_EQ(observer->requests, 2);
+}
+
+// A service whose end needs the broker: it hangs if a lock is held while it is destroyed.
+class BusyToTheEnd : public Service {
+ public:
+  BusyToTheEnd(const std::shared_ptr<RpcBroker>& broker, std::atomic<int>& destroyed)
+      : Service("busy", "i"),
+        broker_(broker),
+        client_(broker, milliseconds(0)),
+        count_(destroyed) {}
+  ~BusyToTheEnd() override {
+    const auto broker = broker_.lock();
+    const auto other = makeEcho("other", std::to_string(count_));
+    broker->registerService(other);
+    outcome(client_, "other", std::to_string(count_));
+    broker->unregisterService(other);
+    broker->attach(observer_);
+    broker->detach(observer_);
+    if (startsAndStops) {
+      broker->start();
+      broker->stop();
+    }
+    ++count_;
+  }
+  void callMethod(const std::string&, const void*, std::size_t, std::unique_ptr<std::uint8_t[]>&,
+                  std::size_t&) override {}
+  bool startsAndStops = false;
+
+ private:
+  const std::weak_ptr<RpcBroker> broker_;
+  RpcClient client_;
+  const std::shared_ptr<RpcBrokerObserver> observer_ = std::make_shared<QuietObserver>();
+  std::atomic<int>& count_;
+};
+
+TEST(RpcBrokerLife, AServiceReleasedByStopMayUseTheBrokerInItsDestructor) {
+  const Watchdog watchdog("stop with a busy service");
+  for (const bool master : {true, false}) {
+    const RawMaster raw;
+    const auto broker = master ? makeMaster({}) : makeSlave(raw.endpoint);
+    std::atomic<int> destroyed{0};
+    auto service = std::make_shared<BusyToTheEnd>(broker, destroyed);
+    service->startsAndStops = true;
+    broker->registerService(std::move(service));
+    broker->start();
+    broker->stop(true, false);
+    EXPECT_EQ(destroyed, 1);
+  }
+}
+
+TEST(RpcBrokerLife, AServiceReleasedByUnregisterMayUseTheBrokerInItsDestructor) {
+  const Watchdog watchdog("unregistering a busy service");
+  for (const bool master : {true, false}) {
+    const RawMaster raw;
+    const auto broker = master ? makeMaster({}) : makeSlave(raw.endpoint);
+    broker->start();
+    std::atomic<int> destroyed{0};
+    broker->registerService(std::make_shared<BusyToTheEnd>(broker, destroyed));
+    broker->unregisterService(makeEcho("busy", "i"));
+    EXPECT_EQ(destroyed, 1);
+  }
+}
+
+// Calls stop() on the broker's thread when somebody asks for a service that nobody has.
+class StoppingObserver : public QuietObserver {
+ public:
+  explicit StoppingObserver(RpcBroker& broker) : broker_(broker) {}
+  void onReply(const std::string&, const std::string&, const std::string&, int status, const void*,
+               std::size_t) override {
+    if (status != 2) return;
+    thread = thisThread();
+    inside.open();
+    if (meanwhile) meanwhile();
+    try {
+      broker_.stop(true, true);
+    } catch (const std::system_error& error) {
+      if (isDeadlockError(error)) ++refusals;
+    }
+  }
+  std::function<void()> meanwhile;
+  Gate inside;
+  std::atomic<int> refusals{0};
+  std::atomic<int> thread{0};
+
+ private:
+  RpcBroker& broker_;
+};
+
+TEST(RpcBrokerLife, StopOnTheBrokersOwnThreadEndsItsLoopAndIsCompletedFromOutside) {
+  const Watchdog watchdog("stop by an observer");
+  for (const bool master : {true, false}) {
+    const RawMaster raw;
+    const auto dispatcher = std::make_shared<KeepingDispatcher>();
+    const auto broker = std::make_shared<RpcBroker>(
+        master, master ? std::vector<std::string>() : std::vector<std::string>{raw.endpoint},
+        dispatcher);
+    auto& router = const_cast<RawMaster&>(raw);
+    const auto observer = std::make_shared<StoppingObserver>(*broker);
+    broker->registerService(makeEcho("s", "i"));
+    broker->attach(observer);
+    RpcClient client(broker, kLong);
+    for (int round = 1; round <= 3; ++round) {
+      broker->start();
+      EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
+      const int threads = threadCount();
+      if (master) {
+        EXPECT_EQ(outcome(client, "none", "i"), notFound("none", "i"));  // answered all the same
+      } else {
+        const auto offer = router.next();
+        EXPECT_EQ(offer.service, "s");
+        Frames asked = request("none", "i");
+        asked.insert(asked.begin(), {offer.identity, "client"});
+        router.router.send(asked);
+        EXPECT_EQ(router.router.receive().at(1), "client");  // answered all the same
+        EXPECT_TRUE(router.readTo(false, "s", "i"));         // and takes its leave by itself
+      }
+      ASSERT_TRUE(eventually([&] { return threadCount() == threads - 1; }));
+      EXPECT_EQ(observer->refusals, round);
+      EXPECT_EQ(dispatcher->stops, round - 1);
+      broker->stop();
+      EXPECT_EQ(dispatcher->stops, round);
+    }
+  }
+}
+
+TEST(RpcBrokerLife, StopOnTheBrokersOwnThreadDoesNotWaitForAStopByAnotherThread) {
+  const Watchdog watchdog("stop by an observer during a stop");
+  const auto broker = makeMaster({});
+  for (int round = 0; round < 5; ++round) {
+    const auto observer = std::make_shared<StoppingObserver>(*broker);
+    std::atomic<int> stopper{0};
+    observer->meanwhile = [&] {
+      eventually([&] { return stopper != 0; });
+      waitUntilAsleep(stopper);  // in the join
+    };
+    broker->attach(observer);
+    broker->start();
+    std::thread outside([&] {
+      observer->inside.pass();
+      stopper = thisThread();
+      broker->stop();
+    });
+    RpcClient client(broker, milliseconds(5000));
+    EXPECT_EQ(outcome(client, "none", "i"), notFound("none", "i"));
+    outside.join();
+    EXPECT_EQ(observer->refusals, 1);
+  }
+  broker->registerService(makeEcho("s", "i"));
+  broker->start();
+  RpcClient client(broker, kLong);
+  EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
+  broker->stop();
+}
+
+TEST(RpcBrokerLife, DestroyingARunningBrokerStopsIt) {
+  const Watchdog watchdog("destroying a running broker");
+  RawMaster raw;
+  const int before = threadCount();
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  {
+    RpcBroker slave(false, {raw.endpoint}, dispatcher);
+    slave.registerService(makeEcho("s", "1"));
+    slave.start();
+    slave.registerService(makeEcho("s", "2"));
+    EXPECT_EQ(threadCount(), before + 1);
+  }
+  EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+  EXPECT_EQ(dispatcher->stops, 1);
+  EXPECT_TRUE(raw.readTo(true, "s", "2"));
+  EXPECT_TRUE(raw.readTo(false, "s", "2"));
+  EXPECT_EQ(raw.offered, Offered());
+}
+
+TEST(RpcBrokerLife, RequestsQueuedAtStopAreNeverAnswered) {
+  const Watchdog watchdog("stop with queued requests");
+  const std::string endpoint = uniqueInproc();
+  const auto broker = makeMaster({endpoint}, 1);
+  Gate gate;
+  Gate inside;
+  std::atomic<int> ran{0};
+  broker->registerService(makeService("slow", "i", [&](const auto&, const std::string& data) {
+    ++ran;
+    inside.open();
+    gate.pass();
+    return data;
+  }));
+  broker->registerService(makeEcho("s", "i"));
+  broker->start();
+  RawPeer client(ZMQ_DEALER);
+  client.connect(endpoint);
+  for (int i = 0; i < 10; ++i) client.send(request("slow", "i", "m", std::to_string(i)));
+  client.send(request("none", "i"));  // answered by the broker: it has read all that came before
+  inside.pass();
+  EXPECT_EQ(client.receive().back(), "service not found: none - i");
+  std::atomic<int> stopper{0};
+  std::thread stopping([&] {
+    stopper = thisThread();
+    broker->stop();
+  });
+  eventually([&] { return stopper != 0; });
+  waitUntilAsleep(stopper);
+  gate.open();
+  stopping.join();
+  EXPECT_EQ(ran, 1);
+  broker->start();
+  client.send(request("s", "i", "m", "marker"));
+  Frames reply = client.receive();
+  if (reply.back() == "0") reply = client.receive();  // the one that ran may have made it
+  EXPECT_EQ(reply.back(), "s/i/m/marker");
+  EXPECT_EQ(ran, 1);
+}
+
+TEST(RpcBrokerLife, CallersOfRequestsDroppedAtStopTimeOut) {
+  const Watchdog watchdog("callers of dropped requests");
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  RpcBroker broker(true, {endpoint}, dispatcher);
+  broker.registerService(makeEcho("s", "i"));
+  broker.start();
+  std::thread caller([&] {
+    RpcClient client(endpoint, milliseconds(300));
+    EXPECT_EQ(outcome(client, "s", "i"), "timeout");
+  });
+  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
+  broker.stop();
+  dispatcher->take().clear();
+  caller.join();
+}
+
+TEST(RpcBrokerLife, ABrokerIsMadeAnewOnItsTcpPortAtOnce) {
+  const Watchdog watchdog("a broker anew on its port");
+  const std::string endpoint = freeTcp();
+  // A call sent over the dying connection is lost, which its caller learns by the time-out.
+  RpcClient client(endpoint, milliseconds(500));
+  for (int round = 0; round < 10; ++round) {
+    const auto broker = makeMaster({endpoint});
+    broker->registerService(makeEcho("s", "i"));
+    broker->start();
+    const std::string data = std::to_string(round);
+    ASSERT_TRUE(
+        eventually([&] { return outcome(client, "s", "i", "m", data) == "s/i/m/" + data; }));
+  }
+}
+
+TEST(RpcBrokerLife, CallsWaitForABrokerThatHasNotStarted) {
+  const Watchdog watchdog("calls before the start");
+  const std::string endpoint = uniqueInproc();
+  const auto broker = makeMaster({endpoint});
+  broker->registerService(makeEcho("s", "i"));
+  std::atomic<int> caller{0};
+  std::thread calling([&] {
+    caller = thisThread();
+    RpcClient client(broker, kLong);  // not directly: the broker does not run
+    EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
+  });
+  eventually([&] { return caller != 0; });
+  waitUntilAsleep(caller);
+  broker->start();
+  calling.join();
+}
+
+TEST(RpcBrokerLife, ASlaveOffersWhatIsThereAtEachStartAndTakesItBackAtEachStop) {
+  const Watchdog watchdog("a slave's announcements");
+  RawMaster raw;
+  const auto slave = makeSlave(raw.endpoint);
+  const auto kept = makeEcho("a", "kept");
+  slave->registerService(kept);
+  slave->registerService(makeEcho("b", "first"));
+  slave->start();
+  slave->registerService(makeEcho("c", "live"));
+  slave->unregisterService(makeEcho("b", "first"));
+  slave->stop();
+  EXPECT_TRUE(raw.readTo(false, "c", "live"));
+  EXPECT_EQ(raw.offered, Offered());
+  slave->unregisterService(makeEcho("c", "live"));
+  slave->registerService(makeEcho("z", "stopped"));
+  slave->start();
+  EXPECT_EQ(raw.next(), (RawMaster::Registration{"", true, "a", "kept"}));
+  EXPECT_EQ(raw.next(), (RawMaster::Registration{"", true, "z", "stopped"}));
+  slave->stop(true, false);
+  EXPECT_EQ(raw.next(), (RawMaster::Registration{"", false, "a", "kept"}));
+  EXPECT_EQ(raw.next(), (RawMaster::Registration{"", false, "z", "stopped"}));
+  slave->registerService(makeEcho("~", "marker"));
+  slave->start();
+  EXPECT_EQ(raw.next(), (RawMaster::Registration{"", true, "~", "marker"}));
+}
+
+}  // namespace
+}  // namespace tessel::test
