@@ -4,6 +4,19 @@
 #include <utility>
 
 namespace tessel {
+namespace {
+
+// In a stream of tasks the next one, or the end of the last, is near: giving way a few times lets
+// the thread come up with it that is to do so. Going to sleep and being woken takes several times
+// as long, on both sides.
+constexpr int kGiveWay = 10;
+
+template <typename Condition>
+void giveWayUntil(const Condition& condition) {
+  for (int i = 0; i < kGiveWay && !condition(); ++i) std::this_thread::yield();
+}
+
+}  // namespace
 
 WorkQueue::WorkQueue(std::size_t threadCount) {
   try {
@@ -20,26 +33,31 @@ WorkQueue::~WorkQueue() { tearDown(); }
 void WorkQueue::push(Task task) {
   const Lock lock(mutex_);
   tasks_.push_back(std::move(task));
-  ++pending_;
-  if (sleeping_ == 0) return;
-  --sleeping_;
-  taskAvailable_.notifyOne();
+  wakeFor(1);
 }
 
 void WorkQueue::pushAll(std::vector<Task>& tasks) {
   {
     const Lock lock(mutex_);
     for (Task& task : tasks) tasks_.push_back(std::move(task));
-    pending_ += tasks.size();
-    for (std::size_t n = std::min(sleeping_, tasks.size()); n > 0; --n) {
-      --sleeping_;
-      taskAvailable_.notifyOne();
-    }
+    wakeFor(tasks.size());
   }
   tasks.clear();
 }
 
+void WorkQueue::wakeFor(std::size_t pushed) {
+  pending_ += pushed;
+  queued_ += pushed;
+  // Those who look find their tasks by themselves.
+  const std::size_t unattended = queued_ - std::min<std::size_t>(queued_, looking_);
+  for (std::size_t n = std::min({pushed, unattended, sleeping_}); n > 0; --n) {
+    --sleeping_;
+    taskAvailable_.notifyOne();
+  }
+}
+
 bool WorkQueue::waitIdle() {
+  giveWayUntil([this] { return pending_ == 0; });
   const Lock lock(mutex_);
   while (pending_ != 0 && !waitsCancelled_) idle_.wait(mutex_);
   return !waitsCancelled_;
@@ -53,9 +71,12 @@ void WorkQueue::cancelWaits() {
 
 void WorkQueue::run() {
   while (true) {
+    ++looking_;
+    giveWayUntil([this] { return queued_ != 0; });
     Task task;
     {
       const Lock lock(mutex_);
+      --looking_;
       while (tasks_.empty() && !stopping_) {
         ++sleeping_;
         taskAvailable_.wait(mutex_);
@@ -63,6 +84,7 @@ void WorkQueue::run() {
       if (stopping_) return;
       task = std::move(tasks_.front());
       tasks_.pop_front();
+      --queued_;
     }
     task();
     {

@@ -1,6 +1,7 @@
 #ifndef TESSEL_SRC_TRANSPORT_WORK_QUEUE_H
 #define TESSEL_SRC_TRANSPORT_WORK_QUEUE_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
 #include <deque>
@@ -36,6 +37,7 @@ class WorkQueue {
 
  private:
   void run() TESSEL_EXCLUDES(mutex_);
+  void wakeFor(std::size_t pushed) TESSEL_REQUIRES(mutex_);
   void tearDown() TESSEL_EXCLUDES(mutex_);
 
   std::vector<std::thread> workers_;  // the owner's; unchanged while workers run
@@ -45,10 +47,14 @@ class WorkQueue {
   bool stopping_ TESSEL_GUARDED_BY(mutex_) = false;
   bool waitsCancelled_ TESSEL_GUARDED_BY(mutex_) = false;
   std::deque<Task> tasks_ TESSEL_GUARDED_BY(mutex_);
-  // Pushed and not yet returned; more than the queued ones while tasks run.
-  std::uint64_t pending_ TESSEL_GUARDED_BY(mutex_) = 0;
   // Workers waiting for a task and not yet told to wake; nobody else needs a signal.
   std::size_t sleeping_ TESSEL_GUARDED_BY(mutex_) = 0;
+
+  // Changed under the mutex, but for the marked one; looked at without it before anybody sleeps.
+  std::atomic<std::uint64_t> pending_{0};  // pushed and not yet returned: queued and running ones
+  std::atomic<std::size_t> queued_{0};     // the size of tasks_
+  // Workers that will look into tasks_ before they sleep; counted up without the mutex.
+  std::atomic<std::size_t> looking_{0};
 };
 
 }  // namespace tessel
