@@ -29,6 +29,12 @@ void check(int result) {
   if (result < 0) fail();
 }
 
+// Waking a thread that sleeps takes longer than most callbacks; the library avoids it likewise.
+template <typename Condition>
+void giveWayUntil(const Condition& condition) {
+  for (int i = 0; i < 10 && !condition(); ++i) std::this_thread::yield();
+}
+
 const char* bytesOf(zmq_msg_t& message) { return static_cast<const char*>(zmq_msg_data(&message)); }
 
 std::string textOf(zmq_msg_t& message) {
@@ -269,6 +275,7 @@ void Consumer::run() {
 }
 
 void Consumer::handOver(zmq_msg_t& value) {
+  giveWayUntil([this] { return !full_; });
   std::unique_lock<std::mutex> lock(mutex_);
   emptied_.wait(lock, [this] { return !full_; });
   zmq_msg_move(&value_, &value);
@@ -277,8 +284,9 @@ void Consumer::handOver(zmq_msg_t& value) {
 }
 
 void Consumer::work() {
-  std::unique_lock<std::mutex> lock(mutex_);
   while (true) {
+    giveWayUntil([this] { return full_.load(); });
+    std::unique_lock<std::mutex> lock(mutex_);
     filled_.wait(lock, [this] { return full_ || ended_; });
     if (ended_) return;
     lock.unlock();

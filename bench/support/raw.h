@@ -140,7 +140,7 @@ class Consumer {
   std::mutex mutex_;
   std::condition_variable filled_;
   std::condition_variable emptied_;
-  bool full_ = false;
+  std::atomic<bool> full_{false};  // changed under the mutex
   bool ended_ = false;
   zmq_msg_t value_;  // the one handed over, while full
   std::thread worker_;
