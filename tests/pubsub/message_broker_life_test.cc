@@ -13,6 +13,7 @@
 
 #include "support/broker_peers.h"
 #include "support/threads.h"
+#include "support/zmq_errors.h"
 
 namespace tessel::test {
 namespace {
@@ -45,15 +46,6 @@ class OnPublish : public MessageBrokerObserver {
  private:
   const std::function<void()> call_;
 };
-
-std::string whatIsThrownBy(const std::function<void()>& call) {
-  try {
-    call();
-  } catch (const std::runtime_error& error) {
-    return error.what();
-  }
-  return "(nothing)";
-}
 
 // --- Construction
 
@@ -149,9 +141,9 @@ TEST(BrokerConstruction, ThrowsTheTextOfZeroMqForABadEndpointOfAnyList) {
   for (const auto& [endpoint, error] : bad) {
     const std::string text = zmq_strerror(error);
     const std::vector<std::string> list = {endpoint};
-    EXPECT_EQ(whatIsThrownBy([&] { MessageBroker(list, {}, {}); }), text) << endpoint;
-    EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, list, {}); }), text) << endpoint;
-    EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, {}, list); }), text) << endpoint;
+    EXPECT_EQ(zmqErrorOf([&] { MessageBroker(list, {}, {}); }), text) << endpoint;
+    EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, list, {}); }), text) << endpoint;
+    EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, {}, list); }), text) << endpoint;
   }
 }
 
@@ -160,17 +152,17 @@ TEST(BrokerConstruction, ThrowsTheTextOfZeroMqForAnEndpointInUse) {
   const std::vector<std::string> taken = {freeTcp()};
   other.bind(taken[0]);
   const std::string text = zmq_strerror(EADDRINUSE);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker(taken, {}, {}); }), text);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, taken, {}); }), text);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, {}, taken); }), text);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker(taken, {}, {}); }), text);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, taken, {}); }), text);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, {}, taken); }), text);
   const std::vector<std::string> twice = {uniqueInproc()};
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker(twice, twice, {}); }), text);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker(twice, twice, {}); }), text);
 }
 
 TEST(BrokerConstruction, ThrowsForANumberedNameThatSomebodyElseHas) {
   RawPeer thief(ZMQ_PULL);
   thief.bind("inproc://publish_service0");
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, {}, {}); }), zmq_strerror(EADDRINUSE));
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, {}, {}); }), zmq_strerror(EADDRINUSE));
   const MessageBroker next({}, {}, {});
   EXPECT_EQ(next.getInprocPullTransport(), "inproc://publish_service1");
 }
@@ -179,11 +171,11 @@ TEST(BrokerConstruction, BindsInTheOrderPublishersUpdatesCacheAndOfTheLists) {
   const std::string unknown = "xyz://a";
   const std::string invalid = "nonsense";
   const std::string first = zmq_strerror(EPROTONOSUPPORT);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({unknown, invalid}, {}, {}); }), first);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({unknown}, {invalid}, {}); }), first);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, {unknown, invalid}, {}); }), first);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, {unknown}, {invalid}); }), first);
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({}, {}, {unknown, invalid}); }), first);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({unknown, invalid}, {}, {}); }), first);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({unknown}, {invalid}, {}); }), first);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, {unknown, invalid}, {}); }), first);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, {unknown}, {invalid}); }), first);
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({}, {}, {unknown, invalid}); }), first);
 }
 
 TEST(BrokerConstruction, ThatFailsLeavesNothingBound) {
@@ -192,7 +184,7 @@ TEST(BrokerConstruction, ThatFailsLeavesNothingBound) {
   const std::string cache = uniqueIpc();
   const std::string inproc = uniqueInproc();
   const std::string numbered = "inproc://publish_service0";
-  EXPECT_EQ(whatIsThrownBy([&] {
+  EXPECT_EQ(zmqErrorOf([&] {
               MessageBroker({pull, inproc}, {updates}, {cache, "nonsense"});
             }),
             zmq_strerror(EINVAL));
@@ -208,7 +200,7 @@ TEST(BrokerConstruction, ThatFailsLeavesNoSocketOpen) {
   for (int round = 0; round < 500; ++round) {
     // Closed sockets count until ZeroMQ has closed them, in the background.
     ASSERT_TRUE(eventually([&] {
-      return whatIsThrownBy([&] { MessageBroker({}, {}, {"nonsense"}); }) == zmq_strerror(EINVAL);
+      return zmqErrorOf([&] { MessageBroker({}, {}, {"nonsense"}); }) == zmq_strerror(EINVAL);
     })) << round;
   }
 }
@@ -747,8 +739,8 @@ TEST(BrokerOnTheSameEndpoints, IsRefusedWhileAnotherHasThem) {
   const std::string pull = freeTcp();
   const std::string inproc = uniqueInproc();
   MessageBroker broker({pull, inproc}, {}, {});
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({pull}, {}, {}); }), zmq_strerror(EADDRINUSE));
-  EXPECT_EQ(whatIsThrownBy([&] { MessageBroker({inproc}, {}, {}); }), zmq_strerror(EADDRINUSE));
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({pull}, {}, {}); }), zmq_strerror(EADDRINUSE));
+  EXPECT_EQ(zmqErrorOf([&] { MessageBroker({inproc}, {}, {}); }), zmq_strerror(EADDRINUSE));
   const auto observer = std::make_shared<RecordingBrokerObserver>();
   broker.attach(observer);
   broker.start();
