@@ -6,8 +6,10 @@
 
 #include <atomic>
 #include <cstdlib>
+#include <mutex>
 #include <stdexcept>
 #include <string>
+#include <vector>
 
 namespace tessel::test {
 
@@ -17,12 +19,32 @@ inline std::string uniqueInproc() {
   return "inproc://test" + std::to_string(next.fetch_add(1));
 }
 
+/// Removes at the end of the process what its file-system names have left behind: ZeroMQ removes
+/// them in the background, which an ending process does not wait for.
+class IpcFiles {
+ public:
+  ~IpcFiles() {
+    for (const std::string& path : paths_) unlink(path.c_str());
+  }
+  void add(const std::string& path) {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    paths_.push_back(path);
+  }
+
+ private:
+  std::mutex mutex_;
+  std::vector<std::string> paths_;
+};
+
 /// A file-system name that nobody else uses, also in other processes.
 inline std::string uniqueIpc() {
   static std::atomic<int> next{0};
+  static IpcFiles files;
   const char* folder = std::getenv("TMPDIR");
-  return "ipc://" + std::string(folder == nullptr ? "/tmp" : folder) + "/tessel-test-" +
-         std::to_string(getpid()) + "-" + std::to_string(next.fetch_add(1));
+  const std::string path = std::string(folder == nullptr ? "/tmp" : folder) + "/tessel-test-" +
+                           std::to_string(getpid()) + "-" + std::to_string(next.fetch_add(1));
+  files.add(path);
+  return "ipc://" + path;
 }
 
 /// A TCP endpoint on the loopback whose port was free a moment ago. The system hands such ports out
