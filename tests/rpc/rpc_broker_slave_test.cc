@@ -1,0 +1,354 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <tessel/rpc_broker.h>
+#include <tessel/rpc_client.h>
+#include <tessel/rpc_error.h>
+
+#include <memory>
+#include <stdexcept>
+#include <string>
+#include <vector>
+
+#include "rpc/rpc_broker_impl.h"
+#include "support/endpoints.h"
+#include "support/no_hang.h"
+#include "support/rpc_peers.h"
+#include "support/text_of.h"
+
+namespace tessel::test {
+namespace {
+
+using testing::ElementsAre;
+
+std::shared_ptr<RpcDispatcher> anyDispatcher() { return std::make_shared<KeepingDispatcher>(); }
+
+// A bare ROUTER as the master of a slave that runs.
+class RpcBrokerSlave : public testing::Test {
+ protected:
+  RpcBrokerSlave() {
+    master.set(ZMQ_RCVHWM, 0);
+    masterEndpoint = bindTcp(master);
+    slave = std::make_unique<RpcBroker>(false, Lines{masterEndpoint},
+                                        std::make_shared<ThreadedRpcDispatcher>(1));
+  }
+
+  // What the slave sends next, without its identity, which is kept.
+  Frames next() {
+    Frames frames = master.receive();
+    if (frames.empty()) return frames;
+    sender = frames.front();
+    frames.erase(frames.begin());
+    return frames;
+  }
+  static Frames offer(const std::string& service, const std::string& instance) {
+    return {"", "RS02", "\x02", "\x01", service, instance};
+  }
+  static Frames withdrawal(const std::string& service, const std::string& instance) {
+    return {"", "RS02", "\x02", kNul, service, instance};
+  }
+  // Starts the slave with a service, and learns the slave's identity.
+  std::string startWith(const std::shared_ptr<Service>& service) {
+    slave->registerService(service);
+    slave->start();
+    EXPECT_EQ(next(), offer(service->getServiceName(), service->getInstanceName()));
+    return sender;
+  }
+  // As a master forwards a call: behind the slave's identity, with the client's envelope.
+  void forward(const std::string& slaveIdentity, const Frames& envelope, const Frames& request) {
+    Frames frames = enveloped(envelope, request);
+    frames.insert(frames.begin(), slaveIdentity);
+    master.send(frames);
+  }
+  // That nothing else is on its way: the announcement of a marker comes first.
+  void expectNothingSent() {
+    slave->registerService(answering("marker", "m", ""));
+    EXPECT_EQ(next(), offer("marker", "m"));
+  }
+
+  RawPeer master{ZMQ_ROUTER};
+  std::string masterEndpoint;
+  std::unique_ptr<RpcBroker> slave;
+  std::string sender;
+};
+
+TEST_F(RpcBrokerSlave, AnnouncesItsServicesWhenItStartsInTheOrderOfTheirNames) {
+  for (const Frames& names :
+       {Frames{"b", "1"}, Frames{"a", "2"}, Frames{"ab", ""}, Frames{"a", "1"}, Frames{"", "z"}}) {
+    slave->registerService(answering(names[0], names[1], ""));
+  }
+  slave->start();
+  EXPECT_EQ(next(), (Frames{"", "RS02", "\x02", "\x01", "", "z"}));
+  EXPECT_EQ(next(), offer("a", "1"));
+  EXPECT_EQ(next(), offer("a", "2"));
+  EXPECT_EQ(next(), offer("ab", ""));
+  EXPECT_EQ(next(), offer("b", "1"));
+  expectNothingSent();
+}
+
+TEST_F(RpcBrokerSlave, WithdrawsItsServicesWhenItStops) {
+  slave->registerService(answering("b", "1", ""));
+  slave->registerService(answering("a", "2", ""));
+  slave->start();
+  slave->registerService(answering("a", "1", ""));
+  slave->stop();
+  EXPECT_EQ(next(), offer("a", "2"));
+  EXPECT_EQ(next(), offer("b", "1"));
+  EXPECT_EQ(next(), offer("a", "1"));
+  EXPECT_EQ(next(), (Frames{"", "RS02", "\x02", kNul, "a", "1"}));
+  EXPECT_EQ(next(), withdrawal("a", "2"));
+  EXPECT_EQ(next(), withdrawal("b", "1"));
+  slave->start();
+  for (const char* instance : {"1", "2"}) EXPECT_EQ(next(), offer("a", instance));
+  EXPECT_EQ(next(), offer("b", "1"));
+  expectNothingSent();
+}
+
+TEST_F(RpcBrokerSlave, WithdrawsItsServicesWhenItIsDestroyed) {
+  // In the process, since a socket that closes at once may keep what goes further.
+  const std::string endpoint = uniqueInproc();
+  master.bind(endpoint);
+  slave = std::make_unique<RpcBroker>(false, Lines{endpoint}, anyDispatcher());
+  startWith(answering("s", "i", ""));
+  slave.reset();
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+}
+
+TEST_F(RpcBrokerSlave, AnnouncesWhatIsRegisteredWhileItRuns) {
+  slave->start();
+  const auto service = answering("s", "i", "");
+  slave->registerService(service);
+  EXPECT_EQ(next(), offer("s", "i"));
+  slave->unregisterService(service);
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+  expectNothingSent();
+}
+
+TEST_F(RpcBrokerSlave, SaysNothingOfWhatIsRegisteredWhileItIsStopped) {
+  const auto gone = answering("gone", "i", "");
+  slave->registerService(gone);
+  slave->registerService(answering("kept", "i", ""));
+  slave->unregisterService(gone);
+  slave->start();
+  EXPECT_EQ(next(), offer("kept", "i"));
+  slave->stop();
+  EXPECT_EQ(next(), withdrawal("kept", "i"));
+  slave->registerService(answering("later", "i", ""));
+  slave->start();
+  EXPECT_EQ(next(), offer("kept", "i"));
+  EXPECT_EQ(next(), offer("later", "i"));
+  expectNothingSent();
+}
+
+TEST_F(RpcBrokerSlave, AnnouncesNothingForAServiceThatIsAlreadyRegistered) {
+  startWith(answering("s", "i", ""));
+  EXPECT_EQ(textOf<std::logic_error>([&] { slave->registerService(answering("s", "i", "")); }),
+            "service already registered");
+  expectNothingSent();
+}
+
+TEST_F(RpcBrokerSlave, WithdrawsAlsoAServiceThatWasNeverRegistered) {
+  slave->start();
+  slave->unregisterService(answering("s", "i", ""));
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+}
+
+TEST_F(RpcBrokerSlave, AnnouncesWithOneIdentityWhateverThreadRegisters) {
+  const std::string identity = startWith(answering("s", "0", ""));
+  std::thread([&] { slave->registerService(answering("s", "1", "")); }).join();
+  EXPECT_EQ(next(), offer("s", "1"));
+  EXPECT_EQ(sender, identity);
+}
+
+TEST_F(RpcBrokerSlave, AStopThatClearsTheServicesWithdrawsThemFirst) {
+  startWith(answering("s", "i", ""));
+  slave->stop(true, false);
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+  slave->start();
+  expectNothingSent();
+}
+
+TEST_F(RpcBrokerSlave, RepliesThroughASocketOfItsWorker) {
+  const std::string identity = startWith(echoing("s", "i"));
+  forward(identity, {"client"}, requestFrames("s", "i", "m", "p"));
+  EXPECT_EQ(next(), (Frames{"client", "", "RS02", "\x01", kNul, kNul, "m(p)"}));
+  const std::string worker = sender;
+  EXPECT_NE(worker, identity);
+  forward(identity, {"other", "frames"}, requestFrames("s", "i", "m", "q", "reserved"));
+  EXPECT_EQ(next(), enveloped({"other", "frames"}, replyFrames(0, "m(q)", "reserved")));
+  EXPECT_EQ(sender, worker);
+}
+
+TEST_F(RpcBrokerSlave, RepliesWithEveryKindOfFailure) {
+  const std::string identity = startWith(throwing("s", "text", std::runtime_error("x")));
+  slave->registerService(throwing("s", "custom", rpc_custom_error("c")));
+  EXPECT_EQ(next(), offer("s", "custom"));
+  slave->registerService(throwing("s", "int", 1));
+  EXPECT_EQ(next(), offer("s", "int"));
+  forward(identity, {"client"}, requestFrames("s", "text", "m", ""));
+  EXPECT_EQ(next(), enveloped({"client"}, replyFrames(1, "x")));
+  forward(identity, {"client"}, requestFrames("s", "custom", "m", ""));
+  EXPECT_EQ(next(), enveloped({"client"}, replyFrames(3, "c")));
+  forward(identity, {"client"}, requestFrames("s", "int", "m", ""));
+  EXPECT_EQ(next(), enveloped({"client"}, replyFrames(1, "unknown exception")));
+}
+
+TEST_F(RpcBrokerSlave, AnswersItselfThatItHasNoSuchService) {
+  const std::string identity = startWith(echoing("s", "i"));
+  const auto observer = std::make_shared<RecordingRpcObserver>();
+  slave->attach(observer);
+  forward(identity, {"client"}, requestFrames("s", "other", "m", "p", "r"));
+  EXPECT_EQ(next(), enveloped({"client"}, replyFrames(2, "service not found: s - other", "r")));
+  EXPECT_EQ(sender, identity);
+  EXPECT_THAT(observer->journal.lines(),
+              ElementsAre(withNul("reply s other m 2 service not found")));
+}
+
+TEST_F(RpcBrokerSlave, ARequestWithoutAnEnvelopeIsAnsweredWithoutOne) {
+  const std::string identity = startWith(echoing("s", "i"));
+  forward(identity, {}, requestFrames("s", "i", "m", "p"));
+  EXPECT_EQ(next(), enveloped({}, replyFrames(0, "m(p)")));
+  forward(identity, {}, requestFrames("s", "other", "m", "p"));
+  EXPECT_EQ(next(), enveloped({}, replyFrames(2, "service not found: s - other")));
+}
+
+TEST_F(RpcBrokerSlave, ServesWhatItHasAlsoAfterANewStart) {
+  startWith(echoing("s", "i"));
+  slave->stop();
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+  slave->start();
+  EXPECT_EQ(next(), offer("s", "i"));
+  forward(sender, {"client"}, requestFrames("s", "i", "m", "p"));
+  EXPECT_EQ(next(), enveloped({"client"}, replyFrames(0, "m(p)")));
+}
+
+TEST_F(RpcBrokerSlave, ForwardsRegistrationsFromItsInternalEndpointAsTheyCome) {
+  slave->start();
+  // The fixture's slave is the only broker so far in a process of its own; others may have been.
+  RpcBrokerImpl probe(true, {}, anyDispatcher());
+  const int number = std::stoi(probe.clientEndpoint().substr(22)) - 1;
+  RawPeer registrar(ZMQ_PUSH);
+  registrar.connect("inproc://rpc_broker_internal_" + std::to_string(number));
+  registrar.send(enveloped({}, registrationFrames(true, "s", "i")));
+  EXPECT_EQ(next(), offer("s", "i"));
+  registrar.send({"", "RS02", "\x02", "", "s", "i"});
+  EXPECT_EQ(next(), (Frames{"", "RS02", "\x02", "", "s", "i"}));
+  registrar.send(enveloped({"a", "b"}, registrationFrames(false, "s", "i")));
+  EXPECT_EQ(next(), enveloped({"a", "b"}, registrationFrames(false, "s", "i")));
+}
+
+TEST_F(RpcBrokerSlave, ThousandsOfServicesAreAnnouncedWithoutAMaster) {
+  constexpr int kServices = 3000;
+  const std::string endpoint = freeTcp();
+  slave = std::make_unique<RpcBroker>(false, Lines{endpoint}, anyDispatcher());
+  for (int i = 0; i < kServices; ++i) {
+    slave->registerService(answering("s", std::to_string(i), ""));
+  }
+  slave->start();
+  withoutHanging("stop", [&] { slave->stop(); });
+  // Nothing is lost either: offers, then withdrawals, once there is a master.
+  master.bind(endpoint);
+  for (int i = 0; i < kServices; ++i) ASSERT_EQ(next()[3], "\x01");
+  for (int i = 0; i < kServices; ++i) ASSERT_EQ(next()[3], kNul);
+}
+
+// The dispatcher holds the broker's thread up meanwhile.
+TEST_F(RpcBrokerSlave, RegisteringNeverWaitsForTheBrokersThread) {
+  constexpr int kServices = 2500;
+  Gate gate;
+  Gate entered;
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  dispatcher->onSubmit = [&] {
+    entered.open();
+    gate.pass();
+  };
+  slave = std::make_unique<RpcBroker>(false, Lines{masterEndpoint}, dispatcher);
+  const std::string identity = startWith(echoing("s", "i"));
+  forward(identity, {"client"}, requestFrames("s", "i", "m", "p"));
+  entered.pass();
+  withoutHanging("registerService", [&] {
+    for (int i = 0; i < kServices; ++i) {
+      slave->registerService(answering("more", std::to_string(i), ""));
+    }
+    gate.open();
+    for (int i = 0; i < kServices; ++i) EXPECT_EQ(next(), offer("more", std::to_string(i)));
+  });
+}
+
+TEST(RpcBrokerSlaveConstruction, TakesExactlyOneTransport) {
+  for (const Lines& transports :
+       {Lines{}, Lines{uniqueInproc(), uniqueInproc()}, Lines{"", "", ""}}) {
+    EXPECT_EQ(textOf<std::logic_error>([&] { RpcBroker(false, transports, anyDispatcher()); }),
+              "only one transport is allowed in slave mode!");
+  }
+}
+
+TEST(RpcBrokerSlaveConstruction, RefusesAnEndpointThatCannotBeConnected) {
+  EXPECT_EQ(textOf<std::runtime_error>([&] { RpcBroker(false, {"nonsense"}, anyDispatcher()); }),
+            zmq_strerror(EINVAL));
+}
+
+TEST(RpcBrokerSlaveConstruction, SendsItsClientsToItsMaster) {
+  const std::string endpoint = uniqueInproc();
+  const RpcBrokerImpl slave(false, {endpoint}, anyDispatcher());
+  EXPECT_EQ(slave.clientEndpoint(), endpoint);
+}
+
+// Master, slave and client, all real.
+class RpcBrokerPair : public testing::Test {
+ protected:
+  std::string call(const std::string& service, const std::string& instance) {
+    Buffer out;
+    std::size_t size = 0;
+    client.CallMethod(service, instance, "m", "p", 1, out, size);
+    return text(out, size);
+  }
+  std::unique_ptr<RpcBroker> makeSlave() {
+    return std::make_unique<RpcBroker>(false, Lines{endpoint},
+                                       std::make_shared<ThreadedRpcDispatcher>(2));
+  }
+  const std::string endpoint = freeTcp();
+  RpcBroker master{true, {endpoint}, std::make_shared<ThreadedRpcDispatcher>(2)};
+  RpcClient client{endpoint, kPatience};
+};
+
+TEST_F(RpcBrokerPair, AServiceOfASlaveIsCallableWhileTheSlaveRuns) {
+  const auto observer = std::make_shared<RecordingRpcObserver>();
+  master.attach(observer);
+  master.start();
+  const auto slave = makeSlave();
+  slave->registerService(echoing("s", "i"));
+  EXPECT_THROW(call("s", "i"), rpc_broker_error);
+  observer->journal.clear();
+  slave->start();
+  ASSERT_TRUE(observer->journal.waitFor(1));
+  EXPECT_EQ(call("s", "i"), "m(p)");
+  slave->stop();
+  ASSERT_TRUE(observer->journal.waitFor(2));
+  EXPECT_EQ(textOf<rpc_broker_error>([&] { call("s", "i"); }), "service not found: s - i");
+  slave->start();
+  ASSERT_TRUE(observer->journal.waitFor(4));
+  EXPECT_EQ(call("s", "i"), "m(p)");
+}
+
+TEST_F(RpcBrokerPair, FailuresOfASlavesServiceReachTheClientAsTheyAre) {
+  const auto observer = std::make_shared<RecordingRpcObserver>();
+  master.attach(observer);
+  master.start();
+  const auto slave = makeSlave();
+  slave->registerService(throwing("s", "custom", rpc_custom_error("own")));
+  slave->registerService(throwing("s", "text", std::runtime_error("x")));
+  slave->start();
+  ASSERT_TRUE(observer->journal.waitFor(2));
+  EXPECT_EQ(textOf<rpc_service_error>([&] { call("s", "text"); }), "x");
+  try {
+    call("s", "custom");
+    ADD_FAILURE() << "nothing thrown";
+  } catch (const rpc_custom_error& error) {
+    EXPECT_EQ(text(error.data(), error.size()), "own");
+  }
+  // What passes through the master is the slave's to tell.
+  EXPECT_EQ(observer->journal.size(), 2U);
+}
+
+}  // namespace
+}  // namespace tessel::test
