@@ -27,7 +27,11 @@ ThreadSocketCache::ThreadSocketCache(int socketType, SendLimit sendLimit)
 
 ZmqSocket& ThreadSocketCache::socketFor(const std::string& endpoint) {
   const auto known = sockets_.find(endpoint);
-  if (known != sockets_.end()) return known->second;
+  if (known != sockets_.end()) {
+    // A reconnect that found no socket left has closed this one; otherwise it would stay closed.
+    if (known->second.handle() == nullptr) known->second.reconnect();
+    return known->second;
+  }
   dropDeadSockets();
   ZmqSocket& socket = sockets_.try_emplace(endpoint, socketType_).first->second;
   if (sendLimit_ == SendLimit::kNone) socket.liftSendLimit();
