@@ -37,6 +37,25 @@ TEST(MessageReply, OfSuccessMayBeEmpty) {
             (Frames{"", "RS02", "\x01", bytes("\0", 1), bytes("\0", 1), ""}));
 }
 
+TEST(MessageReply, OfSuccessTakesAnArrayOfAnySize) {
+  for (const std::size_t size : {0U, 1U, 33U, 34U, 4095U, 4096U, 100000U}) {
+    MessageRequest request = requestWith({0});
+    auto result = std::make_unique<std::uint8_t[]>(size);
+    if (size != 0) result[size - 1] = 'z';
+    const std::string expected = text(result.get(), size);
+    MessageReply reply(request, std::move(result), size);
+    EXPECT_EQ(sentOver(ZMQ_PUSH, reply),
+              (Frames{"", "RS02", "\x01", bytes("\0", 1), bytes("\0", 1), expected}));
+  }
+}
+
+TEST(MessageReply, OfSuccessWithoutAnArrayIsEmpty) {
+  MessageRequest request = requestWith({0});
+  const MessageReply reply(request, std::unique_ptr<std::uint8_t[]>(), 5000);
+  EXPECT_EQ(reply.status(), 0);
+  EXPECT_EQ(reply.payloadSize(), 0U);
+}
+
 TEST(MessageReply, OfACustomErrorHoldsACopyOfItsBytes) {
   MessageRequest request = requestWith({0});
   auto error = std::make_unique<rpc_custom_error>(bytes("\x01\0\xFF", 3));

@@ -125,6 +125,19 @@ TEST(ObserverList, ClearDetachesAll) {
   EXPECT_EQ(called(list), "a");
 }
 
+TEST(ObserverList, ASnapshotHoldsThoseThatAreAliveInOrder) {
+  List list;
+  auto a = std::make_shared<Observer>("a");
+  const auto b = std::make_shared<Observer>("b");
+  const auto c = std::make_shared<Observer>("c");
+  for (const auto& observer : {b, a, c, b}) list.attach(observer);
+  a.reset();
+  const auto snapshot = list.snapshot();
+  EXPECT_EQ(snapshot, (std::vector<std::shared_ptr<Observer>>{b, c, b}));
+  list.clear();  // not locked
+  EXPECT_EQ(list.snapshot().size(), 0U);
+}
+
 TEST(ObserverList, WhatACallThrowsPassesAndTheListStaysUsable) {
   List list;
   const auto a = std::make_shared<Observer>("a");

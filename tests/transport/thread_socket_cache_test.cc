@@ -138,6 +138,29 @@ TEST(ThreadSocketCache, KeepsNothingWhenTheSocketCouldNotBeMade) {
   EXPECT_EQ(peer.receive(), Frames{"connected"});
 }
 
+TEST(ThreadSocketCache, DropsThoseWhosePeerHasGoneWhenItGrows) {
+  const std::string kept = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(kept);
+  ThreadSocketCache cache(ZMQ_PUSH);
+  ZmqSocket* const alive = &cache.socketFor(kept);
+  for (int round = 0; round < 20; ++round) {
+    const std::string name = uniqueInproc();
+    ZmqSocket binder(ZMQ_PULL);
+    binder.bind(name);
+    cache.socketFor(name);
+    EXPECT_EQ(cache.size(), 2U);
+  }
+  EXPECT_EQ(&cache.socketFor(kept), alive);
+}
+
+TEST(ThreadSocketCache, SendsWithoutALimitOnlyWhenToldSo) {
+  ThreadSocketCache limited(ZMQ_DEALER);
+  EXPECT_EQ(option(limited.socketFor(uniqueInproc()), ZMQ_SNDHWM), 1000);
+  ThreadSocketCache unlimited(ZMQ_DEALER, ThreadSocketCache::SendLimit::kNone);
+  EXPECT_EQ(option(unlimited.socketFor(uniqueInproc()), ZMQ_SNDHWM), 0);
+}
+
 // ---- ThreadSockets
 
 TEST(ThreadSockets, HaveACacheForEachUse) {
@@ -149,6 +172,9 @@ TEST(ThreadSockets, HaveACacheForEachUse) {
     EXPECT_EQ(sockets.clients.socketFor(endpoint).type(), ZMQ_REQ);
     EXPECT_EQ(sockets.replies.socketFor(endpoint).type(), ZMQ_DEALER);
     EXPECT_EQ(sockets.registrations.socketFor(endpoint).type(), ZMQ_PUSH);
+    // Replies must never be held up by a broker that is slow to pass them on.
+    EXPECT_EQ(option(sockets.replies.socketFor(endpoint), ZMQ_SNDHWM), 0);
+    EXPECT_EQ(option(sockets.publishers.socketFor(endpoint), ZMQ_SNDHWM), 1000);
     EXPECT_NE(&sockets.publishers.socketFor(endpoint), &sockets.registrations.socketFor(endpoint));
     EXPECT_EQ(sockets.publishers.size(), 1U);
   }).join();

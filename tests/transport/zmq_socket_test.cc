@@ -502,6 +502,33 @@ TEST(ZmqSocket, ReconnectThrowsTheZmqTextOfAConnectThatFails) {
   EXPECT_ZMQ_ERROR(socket.reconnect(), EPROTONOSUPPORT);
 }
 
+TEST(ZmqSocket, ASendLimitThatWasLiftedStaysSoAfterAReconnect) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket socket(ZMQ_DEALER);
+  EXPECT_EQ(option(socket, ZMQ_SNDHWM), 1000);
+  socket.liftSendLimit();
+  EXPECT_EQ(option(socket, ZMQ_SNDHWM), 0);
+  socket.connect(endpoint);
+  socket.reconnect();
+  EXPECT_EQ(option(socket, ZMQ_SNDHWM), 0);
+  ZmqFrame frame;
+  for (int i = 0; i < 3000; ++i) ASSERT_TRUE(socket.send(frame, ZMQ_DONTWAIT)) << i;
+}
+
+TEST(ZmqSocket, ARequestSocketThatIsOwedAReplySendsOnANewOne) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_ROUTER);
+  peer.bind(endpoint);
+  ZmqSocket socket(ZMQ_REQ, endpoint);
+  sendText(socket, "first");
+  EXPECT_EQ(peer.receive().back(), "first");
+  sendText(socket, "second");
+  const Frames second = peer.receive();
+  EXPECT_EQ(second.back(), "second");
+  peer.send({second.at(0), "", "reply"});
+  EXPECT_EQ(receiveText(socket), "reply");
+}
+
 // ---- a socket that never connected
 
 TEST(ZmqSocket, SendingAfterAFailedConnectThrowsWhatTheConnectThrew) {
@@ -708,6 +735,57 @@ TEST(ZmqSocket, ATcpSenderWithoutAPeerDoesNotGiveUp) {
   held = true;
   sending.join();
   EXPECT_TRUE(sent);
+}
+
+TEST(ZmqSocket, KnowsWhenItsInprocPeerHasGone) {
+  const std::string endpoint = uniqueInproc();
+  EXPECT_FALSE(ZmqSocket(ZMQ_PUSH).peerGone());
+  EXPECT_FALSE(ZmqSocket(ZMQ_PUSH, freeTcp()).peerGone());
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  EXPECT_FALSE(sender.peerGone());  // not yet there
+  {
+    ZmqSocket binder(ZMQ_PULL);
+    binder.bind(endpoint);
+    EXPECT_FALSE(sender.peerGone());
+  }
+  EXPECT_TRUE(sender.peerGone());
+  sender.reconnect();
+  EXPECT_FALSE(sender.peerGone());
+}
+
+TEST(ZmqSocket, ClosedOrphansOfAnInprocNameCanBeReleased) {
+  const std::string endpoint = uniqueInproc();
+  const OpenSockets sockets;
+  for (int i = 0; i < 10; ++i) {
+    ZmqSocket orphan(ZMQ_REQ, endpoint);
+    sendText(orphan, "to nobody");
+  }
+  ZmqSocket::releaseOrphans(endpoint);
+  EXPECT_TRUE(sockets.become(0));
+}
+
+TEST(ZmqSocket, ReleasingTheOrphansOfANameThatIsBoundDoesNothing) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket binder(ZMQ_PULL);
+  binder.bind(endpoint);
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  ZmqSocket::releaseOrphans(endpoint);
+  EXPECT_FALSE(sender.peerGone());
+  EXPECT_TRUE(InprocEndpoints::instance().isBound(endpoint));
+  sendText(sender, "still there");
+  EXPECT_EQ(receiveText(binder), "still there");
+}
+
+TEST(ZmqSocket, WaitsALittleForTheSocketOfAnotherThatWasJustClosed) {
+  // The places of closed sockets come free a moment later; with all taken, each round needs the
+  // one that the round before has just given up.
+  auto last = std::make_unique<ZmqSocket>(ZMQ_PULL);
+  const SocketBudget everyOther;
+  for (int round = 0; round < 50; ++round) {
+    last.reset();
+    ASSERT_EQ(zmqErrorOf([&] { last = std::make_unique<ZmqSocket>(ZMQ_PULL); }), "nothing thrown")
+        << round;
+  }
 }
 
 }  // namespace

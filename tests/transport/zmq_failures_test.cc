@@ -1,0 +1,433 @@
+// What happens when ZeroMQ refuses what it hardly ever does. In a program of its own, since it
+// stands in for the functions of libzmq and lets a chosen call of the test's thread fail.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <tessel/rpc_error.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "messages/message_publish.h"
+#include "messages/message_reply.h"
+#include "messages/message_request.h"
+#include "messages/value_notification.h"
+#include "support/endpoints.h"
+#include "support/raw_peer.h"
+#include "support/socket_budget.h"
+#include "support/zmq_errors.h"
+#include "transport/poll_set.h"
+#include "transport/thread_socket_cache.h"
+#include "transport/zmq_context.h"
+#include "transport/zmq_event.h"
+#include "transport/zmq_socket.h"
+
+namespace {
+
+// The calls of one function that fail: after so many that do not, so many in a row.
+struct Failure {
+  std::string function;
+  int error = 0;
+  int after = 0;
+  int times = 0;
+};
+thread_local Failure failure;
+
+bool fails(const char* function) {
+  if (failure.times == 0 || failure.function != function) return false;
+  if (failure.after > 0) {
+    --failure.after;
+    return false;
+  }
+  --failure.times;
+  errno = failure.error;
+  return true;
+}
+
+template <typename Function>
+Function real(const char* name, Function /*standIn*/) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+// The names of the parameters do not matter, their types are those of zmq.h.
+extern "C" {
+
+void* zmq_ctx_new() {
+  if (fails("zmq_ctx_new")) return nullptr;
+  return real("zmq_ctx_new", &zmq_ctx_new)();
+}
+void* zmq_socket(void* context, int type) {
+  if (fails("zmq_socket")) return nullptr;
+  return real("zmq_socket", &zmq_socket)(context, type);
+}
+int zmq_setsockopt(void* socket, int option, const void* value, size_t size) {
+  if (fails("zmq_setsockopt")) return -1;
+  return real("zmq_setsockopt", &zmq_setsockopt)(socket, option, value, size);
+}
+int zmq_getsockopt(void* socket, int option, void* value, size_t* size) {
+  if (fails("zmq_getsockopt")) return -1;
+  return real("zmq_getsockopt", &zmq_getsockopt)(socket, option, value, size);
+}
+int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
+  if (fails("zmq_poll")) return -1;
+  return real("zmq_poll", &zmq_poll)(items, count, timeout);
+}
+int zmq_msg_init_size(zmq_msg_t* message, size_t size) {
+  if (fails("zmq_msg_init_size")) return -1;
+  return real("zmq_msg_init_size", &zmq_msg_init_size)(message, size);
+}
+int zmq_msg_init_data(zmq_msg_t* message, void* data, size_t size, zmq_free_fn* release,
+                      void* hint) {
+  if (fails("zmq_msg_init_data")) return -1;
+  return real("zmq_msg_init_data", &zmq_msg_init_data)(message, data, size, release, hint);
+}
+int zmq_msg_copy(zmq_msg_t* target, zmq_msg_t* source) {
+  if (fails("zmq_msg_copy")) return -1;
+  return real("zmq_msg_copy", &zmq_msg_copy)(target, source);
+}
+int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
+  if (fails("zmq_msg_send")) return -1;
+  return real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
+}
+int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
+  if (fails("zmq_msg_recv")) return -1;
+  return real("zmq_msg_recv", &zmq_msg_recv)(message, socket, flags);
+}
+
+}  // extern "C"
+
+namespace tessel::test {
+namespace {
+
+// Lets calls of `function` fail while it exists.
+class Failing {
+ public:
+  Failing(const char* function, int error, int after = 0, int times = 1) {
+    failure = {function, error, after, times};
+  }
+  ~Failing() { failure = Failure(); }
+  Failing(const Failing&) = delete;
+  Failing& operator=(const Failing&) = delete;
+  bool used() const { return failure.times == 0; }
+};
+
+// ---- the context and sockets
+
+TEST(ZmqFailures, WithoutAContextTheZmqTextIsThrownAndTheNextUseTriesAgain) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");  // a process without a context yet
+  EXPECT_EXIT(
+      {
+        std::string thrown;
+        {
+          const Failing failing("zmq_ctx_new", EMFILE);
+          thrown = zmqErrorOf([] { ZmqSocket(ZMQ_PULL); });
+        }
+        const bool thenWorks = zmqErrorOf([] { ZmqSocket(ZMQ_PULL); }) == "nothing thrown";
+        std::_Exit(thrown == zmq_strerror(EMFILE) && thenWorks ? 0 : 1);
+      },
+      ::testing::ExitedWithCode(0), "");
+}
+
+TEST(ZmqFailures, ASocketWhoseOptionsAreRefusedIsClosed) {
+  const OpenSockets sockets;
+  for (const int after : {0, 1}) {
+    const Failing failing("zmq_setsockopt", ENOMEM, after);
+    EXPECT_ZMQ_ERROR(ZmqSocket(ZMQ_PULL), ENOMEM);
+    EXPECT_TRUE(failing.used());
+  }
+  EXPECT_TRUE(sockets.become(0));
+}
+
+TEST(ZmqFailures, ABindWhoseEndpointCannotBeReadThrows) {
+  ZmqSocket socket(ZMQ_PULL);
+  const Failing failing("zmq_getsockopt", EINVAL);
+  EXPECT_ZMQ_ERROR(socket.bind("tcp://127.0.0.1:*"), EINVAL);
+}
+
+TEST(ZmqFailures, AReconnectThatGotNoSocketIsMadeUpForByTheNextMessage) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  ZmqSocket(ZMQ_PULL).bind(endpoint);
+  ZmqSocket binder(ZMQ_PULL);
+  binder.bind(endpoint);
+  ZmqFrame frame(std::string("a"));
+  {
+    const Failing failing("zmq_socket", ENOMEM, 0, 2);
+    EXPECT_ZMQ_ERROR(sender.sendFirst(frame, 0), ENOMEM);
+    EXPECT_ZMQ_ERROR(sender.sendFirstUnlessAbandoned(frame, 0), ENOMEM);
+  }
+  sender.sendFirst(frame, 0);
+  ZmqFrame received;
+  binder.setReceiveTimeout(std::chrono::milliseconds(kPatience).count());
+  ASSERT_TRUE(binder.receive(received, 0));
+  EXPECT_EQ(received.toString(), "a");
+}
+
+TEST(ZmqFailures, ASocketThatCouldNotBeMadeAnewIsMadeWhenItIsNextAskedFor) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer server(ZMQ_ROUTER);
+  server.bind(endpoint);
+  ThreadSocketCache cache(ZMQ_REQ);
+  cache.socketFor(endpoint).setReceiveTimeout(77);
+  {
+    const Failing failing("zmq_socket", ENOMEM, 0, 2);
+    EXPECT_ZMQ_ERROR(cache.socketFor(endpoint).reconnect(), ENOMEM);
+    EXPECT_ZMQ_ERROR(cache.socketFor(endpoint), ENOMEM);
+  }
+  ZmqSocket& client = cache.socketFor(endpoint);
+  EXPECT_EQ(cache.size(), 1U);
+  EXPECT_EQ(client.receiveTimeout(), 77);
+  client.setReceiveTimeout(78);
+  ZmqFrame frame(std::string("a"));
+  client.sendFirst(frame, 0);
+  EXPECT_EQ(server.receive().back(), "a");
+}
+
+TEST(ZmqFailures, ACacheKeepsNothingWhenTheSocketCouldNotBeMade) {
+  ThreadSocketCache cache(ZMQ_PUSH);
+  const std::string endpoint = uniqueInproc();
+  {
+    const Failing failing("zmq_socket", ENOMEM);
+    EXPECT_ZMQ_ERROR(cache.socketFor(endpoint), ENOMEM);
+  }
+  {
+    const Failing failing("zmq_setsockopt", ENOMEM);
+    EXPECT_ZMQ_ERROR(cache.socketFor(endpoint), ENOMEM);
+  }
+  EXPECT_EQ(cache.size(), 0U);
+  EXPECT_EQ(zmqErrorOf([&] { cache.socketFor(endpoint); }), "nothing thrown");
+}
+
+TEST(ZmqFailures, AnEventThatCannotBeMadeThrows) {
+  for (const int after : {0, 1}) {
+    const Failing failing("zmq_socket", ENOMEM, after);
+    EXPECT_ZMQ_ERROR(ZmqEvent(), ENOMEM);
+  }
+}
+
+// ---- polls
+
+TEST(ZmqFailures, AnInterruptedWaitGoesOn) {
+  ZmqEvent event;
+  event.signal();
+  PollSet poll{event.pollHandle()};
+  const Failing failing("zmq_poll", EINTR, 0, 3);
+  EXPECT_EQ(zmqErrorOf([&] { poll.wait(); }), "nothing thrown");
+  EXPECT_TRUE(failing.used());
+  EXPECT_TRUE(poll.readable(0));
+}
+
+TEST(ZmqFailures, AWaitThatFailsThrows) {
+  ZmqEvent event;
+  PollSet poll{event.pollHandle()};
+  const Failing failing("zmq_poll", EFAULT);
+  EXPECT_ZMQ_ERROR(poll.wait(), EFAULT);
+}
+
+class Discarding : public ::testing::Test {
+ protected:
+  Discarding() : receiver_(ZMQ_PULL), sender_(ZMQ_PUSH) {
+    const std::string endpoint = uniqueInproc();
+    receiver_.bind(endpoint);
+    sender_.connect(endpoint).send({"a", "b", "c"});
+    sender_.send({"next"});
+    ZmqFrame first;
+    EXPECT_TRUE(receiver_.receive(first, 0));
+  }
+  std::string nextFrame() {
+    ZmqFrame frame;
+    return receiver_.receive(frame, ZMQ_DONTWAIT) ? frame.toString() : "nothing";
+  }
+
+  ZmqSocket receiver_;
+  RawPeer sender_;
+};
+
+TEST_F(Discarding, RepeatsAPollThatIsInterrupted) {
+  const Failing failing("zmq_poll", EINTR, 0, 3);
+  EXPECT_EQ(zmqErrorOf([&] { receiver_.discardPending(); }), "nothing thrown");
+  EXPECT_TRUE(failing.used());
+  EXPECT_EQ(nextFrame(), "next");
+}
+
+TEST_F(Discarding, ThrowsWhenThePollFails) {
+  const Failing failing("zmq_poll", EFAULT);
+  EXPECT_ZMQ_ERROR(receiver_.discardPending(), EFAULT);
+}
+
+TEST_F(Discarding, ThrowsWhenAReceiveFails) {
+  const Failing failing("zmq_msg_recv", EINTR, 1);
+  EXPECT_ZMQ_ERROR(receiver_.discardPending(), EINTR);
+}
+
+TEST_F(Discarding, EndsWhenAReceiveWouldHaveToWait) {
+  const Failing failing("zmq_msg_recv", EAGAIN, 1);
+  EXPECT_EQ(zmqErrorOf([&] { receiver_.discardPending(); }), "nothing thrown");
+  EXPECT_TRUE(failing.used());
+  EXPECT_EQ(nextFrame(), "c");
+}
+
+TEST(ZmqFailures, AnInterruptedWaitForRoomGoesOn) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  ZmqFrame filler;
+  while (sender.send(filler, ZMQ_DONTWAIT)) {
+  }
+  // It gives up only after the wait, so the queue may stay full.
+  {
+    const Failing failing("zmq_poll", EFAULT);
+    EXPECT_ZMQ_ERROR(sender.sendFirst(filler, 0), EFAULT);
+  }
+  RawPeer peer(ZMQ_PULL);
+  std::thread reading;
+  {
+    const Failing failing("zmq_poll", EINTR, 0, 3);
+    // Bound elsewhere only once the sender waits: it finds no room before.
+    reading = std::thread([&] {
+      peer.bind(endpoint);
+      while (peer.receive() != Frames{"after"}) {
+      }
+    });
+    ZmqFrame frame(std::string("after"));
+    EXPECT_EQ(zmqErrorOf([&] { sender.sendFirst(frame, 0); }), "nothing thrown");
+  }
+  reading.join();
+}
+
+// ---- frames
+
+TEST(ZmqFailures, AFrameThatCannotBeMadeThrows) {
+  const std::string text = "text";
+  const std::vector<std::uint8_t> vector(10);
+  const std::unique_ptr<std::uint8_t[]> array(new std::uint8_t[10]());
+  const auto refused = [](const auto& make) {
+    const Failing failing("zmq_msg_init_size", ENOMEM);
+    EXPECT_ZMQ_ERROR(make(), ENOMEM);
+  };
+  refused([] { ZmqFrame::ofSize(1); });
+  refused([] { ZmqFrame frame(std::uint8_t{1}); });
+  refused([] { ZmqFrame frame(true); });
+  refused([&] { ZmqFrame frame(text); });
+  refused([&] { ZmqFrame frame(vector); });
+  refused([&] { ZmqFrame frame(array, 10); });
+  refused([&] { ZmqFrame frame(text.data(), 4); });
+  refused([] { ZmqFrame::copyOf(ZmqFrame()); });
+  refused([] { ZmqFrame::ofLittleEndian64(1); });
+  refused([] { rpc_custom_error("abc", 3); });
+}
+
+TEST(ZmqFailures, AFrameThatCannotTakeABufferOverThrowsAndTheBufferIsFreedOnce) {
+  const auto refused = [](const auto& make) {
+    const Failing failing("zmq_msg_init_data", ENOMEM);
+    EXPECT_ZMQ_ERROR(make(), ENOMEM);
+  };
+  refused([] { ZmqFrame frame(std::string(1000, 'x')); });
+  refused([] { ZmqFrame frame(std::vector<std::uint8_t>(1000)); });
+  refused([] { ZmqFrame frame(std::make_unique<std::uint8_t[]>(1000), 1000); });
+  refused([] { rpc_custom_error(std::string(1000, 'x')); });
+  auto array = std::make_unique<std::uint8_t[]>(1000);
+  refused([&] { ZmqFrame frame(std::move(array), 1000); });
+  EXPECT_NE(array, nullptr);  // NOLINT(bugprone-use-after-move): it was not taken
+}
+
+TEST(ZmqFailures, AFrameThatCannotBeSharedThrows) {
+  ZmqFrame frame(std::string(1000, 'x'));
+  const Failing failing("zmq_msg_copy", EFAULT);
+  EXPECT_ZMQ_ERROR(frame.share(), EFAULT);
+  EXPECT_EQ(frame.toString(), std::string(1000, 'x'));
+}
+
+// ---- messages
+
+TEST(ZmqFailures, AMessageWhoseFramesCannotBeMadeThrows) {
+  for (int after = 0; after < 4; ++after) {  // type, topic, tag, value; then the options
+    const Failing failing("zmq_msg_init_size", ENOMEM, after);
+    EXPECT_ZMQ_ERROR(MessagePublish("topic", "tag", "value", 5, 1), ENOMEM);
+    EXPECT_TRUE(failing.used());
+  }
+  const Failing failing("zmq_msg_init_size", ENOMEM);
+  EXPECT_ZMQ_ERROR(MessageReply(), ENOMEM);
+}
+
+TEST(ZmqFailures, AMessageThrowsForEveryFrameThatCannotBeSent) {
+  constexpr int kFrames = 7;
+  for (int frame = 0; frame < kFrames; ++frame) {
+    ZmqSocket sender(ZMQ_PUSH, uniqueInproc());
+    MessagePublish message("topic", "tag", "value", 5, 1);
+    const Failing failing("zmq_msg_send", EINTR, frame);
+    EXPECT_ZMQ_ERROR(message.send(sender), EINTR);
+    EXPECT_TRUE(failing.used());
+  }
+}
+
+TEST(ZmqFailures, AMessageThrowsForEveryFurtherFrameThatWouldHaveToWait) {
+  for (int frame = 1; frame < 7; ++frame) {
+    ZmqSocket sender(ZMQ_PUSH, uniqueInproc());
+    MessagePublish message("topic", "tag", "value", 5, 1);
+    const Failing failing("zmq_msg_send", EAGAIN, frame);
+    EXPECT_ZMQ_ERROR(message.send(sender), EAGAIN);
+  }
+}
+
+TEST(ZmqFailures, AMessageWaitsWithItsFirstFrame) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  ZmqSocket sender(ZMQ_PUSH, endpoint);
+  MessagePublish message("topic", "tag", "value", 5, 1);
+  {
+    const Failing failing("zmq_msg_send", EAGAIN, 0, 3);
+    EXPECT_EQ(zmqErrorOf([&] { message.send(sender); }), "nothing thrown");
+    EXPECT_TRUE(failing.used());
+  }
+  EXPECT_EQ(peer.receive(), (Frames{"", "RS02", "\x03", "topic", "tag", "value", word(1)}));
+}
+
+TEST(ZmqFailures, ANotificationThrowsForEveryFrameThatCannotBeSent) {
+  for (int frame = 0; frame < 3; ++frame) {
+    for (const int error : {EINTR, EAGAIN}) {
+      ZmqSocket sender(ZMQ_XPUB);
+      ValueNotification notification("topic:tag", ZmqFrame(), 0);
+      const Failing failing("zmq_msg_send", error, frame);
+      EXPECT_ZMQ_ERROR(notification.send(sender), error);
+      EXPECT_TRUE(failing.used());
+    }
+  }
+}
+
+TEST(ZmqFailures, AMessageThrowsForEveryFrameThatCannotBeReceived) {
+  for (int frame = 0; frame < 8; ++frame) {
+    const std::string endpoint = uniqueInproc();
+    ZmqSocket receiver(ZMQ_PULL);
+    receiver.bind(endpoint);
+    RawPeer(ZMQ_PUSH).connect(endpoint).send(
+        {"route", "", "RS02", "\x03", "topic", "tag", "value", word(1)});
+    MessagePublish message;
+    const Failing failing("zmq_msg_recv", EINTR, frame);
+    EXPECT_ZMQ_ERROR(message.receive(receiver), EINTR) << frame;
+    EXPECT_TRUE(failing.used());
+  }
+}
+
+TEST(ZmqFailures, AMessageIsNotReceivedWhenAFrameDoesNotCome) {
+  for (int frame = 0; frame < 8; ++frame) {
+    const std::string endpoint = uniqueInproc();
+    ZmqSocket receiver(ZMQ_PULL);
+    receiver.bind(endpoint);
+    RawPeer(ZMQ_PUSH).connect(endpoint).send(
+        {"route", "", "RS02", "\x03", "topic", "tag", "value", word(1)});
+    MessagePublish message;
+    const Failing failing("zmq_msg_recv", EAGAIN, frame);
+    EXPECT_FALSE(message.receive(receiver)) << frame;
+    EXPECT_TRUE(failing.used());
+  }
+}
+
+}  // namespace
+}  // namespace tessel::test
