@@ -7,7 +7,8 @@ const char* const kDefaultTag = "default";
 std::string joinKey(const std::string& topic, const std::string& tag) {
   std::string key;
   key.reserve(topic.size() + 1 + tag.size());
-  return key.append(topic).append(1, ':').append(tag);
+  key.append(topic).append(1, ':').append(tag);
+  return key;
 }
 
 TopicAndTag splitKey(const std::string& key) {
