@@ -6,15 +6,11 @@
 
 namespace tessel {
 
-ValueNotification::ValueNotification(const std::string& key, ZmqFrame value, std::uint64_t flags)
-    : ValueNotification(ZmqFrame(key), std::move(value), ZmqFrame::ofLittleEndian64(flags)) {}
+ValueNotification::ValueNotification(const std::string& key, ZmqFrame&& value, std::uint64_t flags)
+    : key_(key), value_(std::move(value)), flags_(ZmqFrame::ofLittleEndian64(flags)) {}
 
-ValueNotification::ValueNotification(ZmqFrame key, ZmqFrame value, ZmqFrame flags)
-    : key_(std::move(key)), value_(std::move(value)), flags_(std::move(flags)) {}
-
-ValueNotification ValueNotification::share() {
-  return ValueNotification(key_.share(), value_.share(), flags_.share());
-}
+ValueNotification::ValueNotification(Shared /*tag*/, ValueNotification& other)
+    : key_(other.key_.share()), value_(other.value_.share()), flags_(other.flags_.share()) {}
 
 void ValueNotification::send(ZmqSocket& socket) {
   if (!socket.send(key_, ZMQ_SNDMORE) || !socket.send(value_, ZMQ_SNDMORE) ||

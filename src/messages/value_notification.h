@@ -19,15 +19,16 @@ enum ValueFlag : std::uint64_t {
 /// the beginning of a message.
 class ValueNotification {
  public:
-  ValueNotification(const std::string& key, ZmqFrame value, std::uint64_t flags);
+  ValueNotification(const std::string& key, ZmqFrame&& value, std::uint64_t flags);
 
   /// The same again for a second socket, over the same bytes.
-  ValueNotification share();
+  ValueNotification share() { return ValueNotification(Shared{}, *this); }
   /// Sends it, once. Throws std::runtime_error with ZeroMQ's text on failure.
   void send(ZmqSocket& socket);
 
  private:
-  ValueNotification(ZmqFrame key, ZmqFrame value, ZmqFrame flags);
+  struct Shared {};
+  ValueNotification(Shared tag, ValueNotification& other);
 
   ZmqFrame key_;
   ZmqFrame value_;

@@ -154,7 +154,7 @@ MessageBrokerImpl::Inbound MessageBrokerImpl::serveWithdrawal(MessageHeader&& he
   return Inbound::kServed;
 }
 
-void MessageBrokerImpl::broadcast(ValueNotification notification) {
+void MessageBrokerImpl::broadcast(ValueNotification&& notification) {
   ValueNotification again = notification.share();
   notification.send(pubSocket_);
   again.send(xpubSocket_);

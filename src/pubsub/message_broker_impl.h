@@ -47,7 +47,7 @@ class MessageBrokerImpl {
   Inbound serveWithdrawal(MessageHeader&& header);
   bool serveSubscription();
   void greetSubscriber(const std::string& subscription);
-  void broadcast(ValueNotification notification);
+  void broadcast(ValueNotification&& notification);
   void forgetCachedValues();
 
   const std::string inprocEndpoint_;

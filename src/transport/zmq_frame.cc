@@ -90,8 +90,9 @@ std::uint8_t ZmqFrame::firstByte() const { return size() == 0 ? std::uint8_t{0} 
 
 std::uint64_t ZmqFrame::littleEndian64() const {
   const std::size_t present = std::min<std::size_t>(size(), sizeof(std::uint64_t));
+  const std::uint8_t* const first = bytes();
   std::uint64_t value = 0;
-  for (std::size_t i = present; i-- > 0;) value = value << 8U | bytes()[i];
+  for (std::size_t i = present; i-- > 0;) value = value << 8U | first[i];
   return value;
 }
 
