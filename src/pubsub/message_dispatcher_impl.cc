@@ -137,10 +137,12 @@ SubscriptionTable& MessageDispatcherImpl::tableOf(const SubscriptionBase& subscr
 }
 
 bool MessageDispatcherImpl::serveMessage(SubscriptionTable& table) {
-  const auto value = std::make_shared<ReceivedNotification>();
-  if (!receiveNotification(table.socket(), *value, ZMQ_DONTWAIT)) return false;
+  ReceivedNotification value;
+  if (!receiveNotification(table.socket(), value, ZMQ_DONTWAIT)) return false;
   // The callbacks of one value end before those of the next begin, whichever socket it came from.
-  if (deliveryQueue_->waitIdle()) dispatch(table, value);
+  if (deliveryQueue_->waitIdle()) {
+    dispatch(table, std::make_shared<ReceivedNotification>(std::move(value)));
+  }
   return true;
 }
 
