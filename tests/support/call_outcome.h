@@ -1,0 +1,48 @@
+#ifndef TESSEL_TESTS_SUPPORT_CALL_OUTCOME_H
+#define TESSEL_TESTS_SUPPORT_CALL_OUTCOME_H
+
+#include <tessel/rpc_client.h>
+#include <tessel/rpc_error.h>
+
+#include <exception>
+#include <functional>
+#include <string>
+#include <typeinfo>
+
+#include "support/rpc_peers.h"
+
+namespace tessel::test {
+
+/// How a call ended, by the exact type of what it threw: "result x", "timeout RPC timeout",
+/// "broker x", "service x", "custom x" (its bytes), "runtime x", "other".
+inline std::string outcomeOf(const std::function<std::string()>& call) {
+  try {
+    return "result " + call();
+  } catch (const rpc_custom_error& error) {
+    return "custom " + text(error.data(), error.size());
+  } catch (const std::exception& error) {
+    const std::type_info& type = typeid(error);
+    if (type == typeid(rpc_timeout)) return std::string("timeout ") + error.what();
+    if (type == typeid(rpc_broker_error)) return std::string("broker ") + error.what();
+    if (type == typeid(rpc_service_error)) return std::string("service ") + error.what();
+    if (type == typeid(std::runtime_error)) return std::string("runtime ") + error.what();
+    return std::string("other ") + type.name() + " " + error.what();
+  } catch (...) {
+    return "other";
+  }
+}
+
+/// The same of client.CallMethod(service, instance, "method", payload).
+inline std::string outcomeOf(RpcClient& client, const std::string& service,
+                             const std::string& instance, const std::string& payload = "payload") {
+  return outcomeOf([&] {
+    Buffer out;
+    std::size_t size = 0;
+    client.CallMethod(service, instance, "method", payload.data(), payload.size(), out, size);
+    return text(out, size);
+  });
+}
+
+}  // namespace tessel::test
+
+#endif
