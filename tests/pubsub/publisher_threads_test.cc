@@ -118,25 +118,37 @@ TEST(PublisherOfManyThreads, LosesNothingAndKeepsTheOrderOfEach) {
   EXPECT_FALSE(receiver.readable());
 }
 
+int messagesAt(RawPeer& peer) {
+  int count = 0;
+  for (; peer.readable(); ++count) peer.receive();
+  return count;
+}
+
 TEST(PublisherOfManyThreads, DefaultBrokersMayBeSetMeanwhile) {
-  Receiver even;
-  Receiver odd;
+  Receiver one;
+  Receiver two;
+  const std::vector<std::string> three(3, one.endpoint);
+  const std::vector<std::string> five(5, two.endpoint);
+  Publisher::setDefaultBroker(three);
   std::atomic<bool> done{false};
-  ScopedThread setting([&] {
-    for (int i = 0; !done; ++i) {
-      Publisher::setDefaultBroker(
-          std::vector<std::string>(3, i % 2 == 0 ? even.endpoint : odd.endpoint));
+  const auto setting = [&] {
+    while (!done) {
+      Publisher::setDefaultBroker(five);
+      std::this_thread::yield();
+      Publisher::setDefaultBroker(three);
+      std::this_thread::yield();
     }
-  });
-  ScopedThread settingToo([&] {
-    while (!done) Publisher::setDefaultBroker(std::vector<std::string>(5, odd.endpoint));
-  });
-  while (!done) {
+  };
+  ScopedThread first(setting);
+  ScopedThread second(setting);
+  for (int i = 0; i < 500; ++i) {
     publish(Publisher("t", "g"), "");
-    done = even.readable() && odd.readable();
-    if (done) break;
-    while (odd.readable()) odd.receive();
+    const std::pair<int, int> received(messagesAt(one), messagesAt(two));
+    // One list or the other, never something between the two.
+    EXPECT_TRUE(received == std::make_pair(3, 0) || received == std::make_pair(0, 5))
+        << received.first << " and " << received.second;
   }
+  done = true;
 }
 
 // --- Publishers that end late
@@ -253,7 +265,7 @@ TEST(PublisherThatEndsLateDeathTest, MayPublishWhileTheProcessExits) {
   for (int round = 0; round < 5; ++round) {
     EXPECT_EXIT(
         {
-          auto* broker = new MessageBroker({}, {}, {});
+          static auto* broker = new MessageBroker({}, {}, {});
           broker->start();
           std::atomic<int> published{0};
           std::thread([&] {
