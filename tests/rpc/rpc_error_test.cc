@@ -23,15 +23,18 @@ thread_local int allocationsLeft = -1;
 
 }  // namespace
 
-void* operator new(std::size_t size) {
+// Not inlined, as g++ would take what it then sees, new with free(), for a mistake.
+[[gnu::noinline]] void* operator new(std::size_t size) {
   if (allocationsLeft == 0) throw std::bad_alloc();
   if (allocationsLeft > 0) --allocationsLeft;
   void* const memory = std::malloc(size == 0 ? 1 : size);
   if (memory == nullptr) throw std::bad_alloc();
   return memory;
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t /*size*/) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  std::free(memory);
+}
 
 namespace tessel::test {
 namespace {

@@ -9,6 +9,7 @@
 #include <cstdint>
 #include <cstring>
 #include <functional>
+#include <memory>
 #include <set>
 #include <thread>
 #include <vector>
@@ -273,15 +274,16 @@ TEST(ThreadSockets, ServeAThreadLocalObjectThatIsDestroyedWhenTheThreadEnds) {
   const OpenSockets open;
   for (const bool usedBefore : {true, false}) {
     std::thread([&] {
-      void* before = nullptr;
-      if (usedBefore) {
-        before = ThreadSockets::ofThisThread().publishers.socketFor(endpoint).handle();
-      }
+      // Made before the thread's sockets, and so destroyed after any thread_local of the library.
+      auto before = std::make_shared<void*>(nullptr);
       lastWords.say = [&endpoint, before] {
         ZmqSocket& socket = ThreadSockets::ofThisThread().publishers.socketFor(endpoint);
-        EXPECT_TRUE(before == nullptr || socket.handle() == before);
+        EXPECT_TRUE(*before == nullptr || socket.handle() == *before);
         sendText(socket, "last words");
       };
+      if (usedBefore) {
+        *before = ThreadSockets::ofThisThread().publishers.socketFor(endpoint).handle();
+      }
     }).join();
     EXPECT_EQ(peer.receive(), Frames{"last words"});
     EXPECT_TRUE(open.become(0, peer));

@@ -255,6 +255,23 @@ TEST(WorkQueue, WaitingDoesNotEndWhileATaskRuns) {
   EXPECT_TRUE(held.done());
 }
 
+TEST(WorkQueue, EveryoneWhoWaitsIsWoken) {
+  HeldTask held;
+  WorkQueue queue(1);
+  queue.push(held.task());
+  std::atomic<int> idle{0};
+  std::vector<std::thread> waiting;
+  for (int i = 0; i < 3; ++i) {
+    waiting.emplace_back([&] {
+      if (queue.waitIdle()) ++idle;
+    });
+  }
+  EXPECT_FALSE(eventually([&] { return idle.load() != 0; }, kWhile));  // all of them wait by then
+  held.letGo();
+  for (std::thread& thread : waiting) thread.join();
+  EXPECT_EQ(idle.load(), 3);
+}
+
 TEST(WorkQueue, CanBeWaitedOnAgainAndAgain) {
   WorkQueue queue(2);
   std::atomic<int> ran{0};
