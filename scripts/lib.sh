@@ -59,7 +59,9 @@ logged() {
   status=$?
   set -e
   [ "$status" -eq 0 ] && return 0
-  tail -n 60 "$logs/$name.log" >&2
+  # Without the lines of what went well.
+  grep -vE '^\[[0-9]+/[0-9]+\] |^ *Start +[0-9]+: |Test +#[0-9]+: .* Passed ' "$logs/$name.log" |
+    tail -n 80 >&2
   say "FAILED: $name (all of it: build/logs/$name.log)" >&2
   return "$status"
 }
