@@ -8,6 +8,7 @@
 #include <array>
 #include <chrono>
 #include <csignal>
+#include <cstddef>
 #include <regex>
 #include <string>
 #include <thread>
@@ -120,7 +121,8 @@ TEST(Demo, EndsByItselfWithASaneSummary) {
       "delivered +([\\d,]+) values: AllValues ([\\d,]+), prefix ([\\d,]+), NewValues ([\\d,]+), "
       "Once 1\n");
   ASSERT_FALSE(match.empty());
-  for (const int group : {1, 2, 3, 4}) EXPECT_GT(number(match[group]), 0);
+  for (const std::size_t group : std::vector<std::size_t>{1, 2, 3, 4})
+    EXPECT_GT(number(match[group]), 0);
 
   match = demo.readUntil("late joiner +([\\d,]+) of ([\\d,]+) cached values at once, in ");
   ASSERT_FALSE(match.empty());

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <string>
+#include <vector>
 
 #include "support/broker_peers.h"
 
@@ -493,7 +494,8 @@ TEST(BrokerRouting, ValuesOfAnySizePassUnchanged) {
   HandServedBroker at;
   at.subscribe("t:g");
   // Around what ZeroMQ keeps inside a message, and its batch size.
-  for (std::size_t size : {1, 28, 29, 30, 32, 33, 34, 255, 256, 8191, 8192, 8193, 1 << 20}) {
+  for (const std::size_t size :
+       std::vector<std::size_t>{1, 28, 29, 30, 32, 33, 34, 255, 256, 8191, 8192, 8193, 1 << 20}) {
     std::string value(size, 'x');
     value.back() = 'y';
     at.publish("t", "g", value, kCached);

@@ -441,8 +441,10 @@ TEST(PublisherDefaults, DoNotConcernPublishersWithBrokersOfTheirOwn) {
 // --- Failures
 
 TEST(PublisherFailure, ToConnectIsThrownEachTime) {
-  for (const auto& [endpoint, error] : std::vector<std::pair<std::string, int>>{
+  for (const auto& failure : std::vector<std::pair<std::string, int>>{
            {"nonsense", EINVAL}, {"", EINVAL}, {"xyz://a", EPROTONOSUPPORT}}) {
+    const std::string& endpoint = failure.first;
+    const int error = failure.second;
     Publisher publisher({endpoint}, "t", "g");
     for (int i = 0; i < 3; ++i) {
       EXPECT_ZMQ_ERROR(publish(publisher, "1"), error);

@@ -420,7 +420,7 @@ TEST(WorkQueueDeathTest, DestroyingTheQueueOnItsOwnWorkerEndsTheProcess) {
         queue->push([queue] { delete queue; });
         std::this_thread::sleep_for(kPatience);
       },
-      ::testing::KilledBySignal(SIGABRT), "deadlock");
+      ::testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
 }  // namespace
