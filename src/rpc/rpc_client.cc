@@ -60,10 +60,7 @@ class RpcClientImpl {
   // A request socket that has lost its reply cannot send again. If it waits for a broker of this
   // process that has gone, it would also keep its place in the context after it was closed.
   void renew(ZmqSocket& socket) const {
-    if (RpcBrokerImpl::isRetired(endpoint_)) {
-      socket.close();
-      ZmqSocket::releaseOrphans(endpoint_);
-    }
+    if (RpcBrokerImpl::isRetired(endpoint_)) ZmqSocket::releaseOrphans(endpoint_);
     socket.reconnect();
   }
 

@@ -65,9 +65,11 @@ class ZmqSocket {
   bool peerGone() const;
   void close();
 
-  /// Lets go of the closed sockets that were connected to an in-process endpoint which nobody has
-  /// bound: ZeroMQ keeps them, and their places among the 1023 of a context, until somebody does.
-  /// Does nothing when somebody has.
+  /// Ends the waiting of the sockets that are connected to an in-process endpoint which nobody has
+  /// bound: without it ZeroMQ keeps them after they were closed, and their places among the 1023 of
+  /// a context, until somebody binds. Before the caller closes its own: a close goes on in the
+  /// background, where a bind that still finds the socket waiting would meet it halfway.
+  /// Does nothing when somebody has bound the endpoint.
   static void releaseOrphans(const std::string& endpoint);
 
  private:
