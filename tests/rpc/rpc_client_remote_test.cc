@@ -438,6 +438,14 @@ TEST(RpcClientOfADestroyedBroker, TimesOut) {
   EXPECT_EQ(outcomeOf(client, "s", "i"), kTimeout);
 }
 
+// Each time-out closes a socket that nobody will ever take; a process has 1023.
+TEST(RpcClientOfADestroyedBroker, TimesOutAnyNumberOfTimes) {
+  auto broker = std::make_shared<RpcBroker>(true, Lines{}, std::make_shared<KeepingDispatcher>());
+  RpcClient client(broker, milliseconds(0));
+  broker.reset();
+  for (int i = 0; i < 1200; ++i) ASSERT_EQ(outcomeOf(client, "s", "i"), kTimeout) << i;
+}
+
 TEST(RpcClientOfADestroyedBroker, BehavesAsAClientOfItsEndpoint) {
   const std::string endpoint = uniqueInproc();
   RpcBroker master(true, {endpoint}, std::make_shared<ThreadedRpcDispatcher>(1));
