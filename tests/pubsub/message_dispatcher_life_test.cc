@@ -1,0 +1,755 @@
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sys/resource.h>
+#include <sys/syscall.h>
+#include <unistd.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <memory>
+#include <new>
+#include <set>
+#include <stdexcept>
+#include <string>
+#include <system_error>
+#include <thread>
+
+#include "pubsub/dispatcher_fixture.h"
+#include "support/no_hang.h"
+#include "support/threads.h"
+
+namespace tessel {
+namespace {
+
+using namespace test;
+
+class DispatcherLife : public DispatcherTest {
+ protected:
+  // After a stop: the markers and `more` others of each socket were unsubscribed.
+  void expectUnsubscribed(std::size_t updates, std::size_t cache) {
+    for (const std::string& frame : sortedFrames(broker.updates, updates + 1)) {
+      EXPECT_EQ(frame.front(), '\0');
+    }
+    for (const std::string& frame : sortedFrames(broker.cache, cache + 1)) {
+      EXPECT_EQ(frame.front(), '\0');
+    }
+  }
+};
+
+class WaitingSubscriber : public RecordingSubscriber {
+ public:
+  using RecordingSubscriber::RecordingSubscriber;
+  Gate gate;
+
+ protected:
+  void onValue(const void* data, std::size_t size) override {
+    RecordingSubscriber::onValue(data, size);
+    gate.pass();
+    journal.add("returns");
+  }
+};
+
+// ---- construction ----
+
+TEST_F(DispatcherLife, ConnectsWhenItIsMade) {
+  const auto watched = [](RawPeer& peer, const std::string& name) {
+    EXPECT_EQ(zmq_socket_monitor(peer.handle(), name.c_str(), ZMQ_EVENT_ACCEPTED), 0);
+    auto monitor = std::make_unique<RawPeer>(ZMQ_PAIR);
+    monitor->connect(name);
+    return monitor;
+  };
+  RawBroker peer(freeTcp(), freeTcp());
+  const auto updates = watched(peer.updates, uniqueInproc());
+  const auto cache = watched(peer.cache, uniqueInproc());
+  const MessageDispatcher other(peer.updatesEndpoint, peer.cacheEndpoint);
+  EXPECT_EQ(updates->receive().size(), 2U);
+  EXPECT_EQ(cache->receive().size(), 2U);
+  zmq_socket_monitor(peer.updates.handle(), nullptr, 0);
+  zmq_socket_monitor(peer.cache.handle(), nullptr, 0);
+}
+
+TEST_F(DispatcherLife, TakesItsFirstEndpointForUpdatesAndItsSecondForTheCache) {
+  start();
+  const auto fresh = recorder(SubscriptionMode::NewValues, "t", "");
+  const auto all = recorder(SubscriptionMode::AllValues, "t", "");
+  subscribe(broker.updates, fresh, "t:default");
+  subscribe(broker.cache, all, "t:default");
+}
+
+TEST_F(DispatcherLife, NeedsNobodyAtTheOtherEnd) {
+  const std::string updatesEndpoint = freeTcp();
+  const std::string cacheEndpoint = freeTcp();
+  MessageDispatcher other(updatesEndpoint, cacheEndpoint);
+  const auto all = recorder(SubscriptionMode::AllValues, "t", "");
+  other.registerSubscriber(all);
+  other.start();
+  RawBroker late(updatesEndpoint, cacheEndpoint);
+  EXPECT_EQ(late.cache.receive(), subscribed("t:default"));
+  late.cache.send(valueMessage("t:default", "1"));
+  EXPECT_TRUE(all->journal.waitFor(1));
+}
+
+std::string connectError(const std::string& endpoint) {
+  RawPeer peer(ZMQ_SUB);
+  EXPECT_NE(zmq_connect(peer.handle(), endpoint.c_str()), 0) << endpoint;
+  return zmq_strerror(zmq_errno());
+}
+
+std::ptrdiff_t openFiles() {
+  const std::filesystem::directory_iterator files("/proc/self/fd");
+  return std::distance(begin(files), end(files));
+}
+
+TEST_F(DispatcherLife, RefusesEndpointsThatCannotBeConnected) {
+  for (const char* bad : {"nonsense", "", "tcp://", "tcp://127.0.0.1", "tcp://127.0.0.1:port",
+                          "unheard://of", "inproc://"}) {
+    const std::string text = connectError(bad);
+    const std::string good = uniqueInproc();
+    for (const auto& [updates, cache] :
+         {std::pair{std::string(bad), good}, std::pair{good, std::string(bad)}}) {
+      try {
+        const MessageDispatcher other(updates, cache, 1);
+        ADD_FAILURE() << "accepted " << bad;
+      } catch (const std::runtime_error& error) {
+        EXPECT_EQ(error.what(), text) << bad;
+      }
+    }
+  }
+}
+
+TEST_F(DispatcherLife, LeavesNothingBehindWhenItCannotConnect) {
+  const std::ptrdiff_t before = openFiles();
+  for (int i = 0; i < 20; ++i) {
+    EXPECT_THROW(MessageDispatcher(broker.updatesEndpoint, "nonsense"), std::runtime_error);
+  }
+  // ZeroMQ closes in the background, and an in-process peer has to take notice.
+  EXPECT_TRUE(eventually([&] { return !broker.updates.readable() && openFiles() <= before; }));
+}
+
+// Other tests may have the ports just now.
+std::unique_ptr<RawPeer> boundWhenFree(const std::string& endpoint) {
+  auto peer = std::make_unique<RawPeer>(ZMQ_XPUB);
+  EXPECT_TRUE(eventually([&] { return zmq_bind(peer->handle(), endpoint.c_str()) == 0; }))
+      << endpoint << ": " << zmq_strerror(zmq_errno());
+  return peer;
+}
+
+// Reads until that subscription comes; somebody else may find the ports, too.
+bool awaitSubscription(RawPeer& peer, const std::string& key) {
+  return eventually([&] { return peer.tryReceive(kPatience) == subscribed(key); });
+}
+
+TEST_F(DispatcherLife, HasTheUsualEndpointsAndFourWorkersUnlessToldOtherwise) {
+  const auto updates = boundWhenFree("tcp://127.0.0.1:9011");
+  const auto cache = boundWhenFree("tcp://127.0.0.1:9012");
+  const std::string topic = "process" + std::to_string(getpid());
+  const auto fresh = recorder(SubscriptionMode::NewValues, topic, "");
+  std::vector<std::shared_ptr<WaitingSubscriber>> waiting;
+  MessageDispatcher usual;
+  const int threads = threadCount();
+  usual.start();
+  EXPECT_EQ(threadCount(), threads + 5);
+  usual.registerSubscriber(fresh);
+  EXPECT_TRUE(awaitSubscription(*updates, topic + ":default"));
+  for (int i = 0; i < 4; ++i) {
+    waiting.push_back(
+        std::make_shared<WaitingSubscriber>(SubscriptionMode::AllValues, topic + "0", ""));
+    usual.registerSubscriber(waiting.back());
+  }
+  EXPECT_TRUE(awaitSubscription(*cache, topic + "0:default"));
+  const auto last = recorder(SubscriptionMode::AllValues, topic + "last", "");
+  usual.registerSubscriber(last);
+  EXPECT_TRUE(awaitSubscription(*cache, topic + "last:default"));
+  cache->send(valueMessage(topic + "0:default", "1"));
+  for (const auto& each : waiting) EXPECT_TRUE(each->journal.waitFor(1));  // all at once
+  for (const auto& each : waiting) each->gate.open();
+  usual.stop();
+}
+
+TEST_F(DispatcherLife, HasAsManyThreadsAsAskedForWhileItRuns) {
+  const int before = threadCount();
+  for (const int workers : {0, 1, 7}) {
+    MessageDispatcher other(uniqueInproc(), uniqueInproc(), static_cast<std::size_t>(workers));
+    EXPECT_EQ(threadCount(), before);
+    other.start();
+    EXPECT_EQ(threadCount(), before + 1 + workers);
+    other.stop();
+    EXPECT_TRUE(eventually([&] { return threadCount() == before; }));
+  }
+}
+
+// ---- start and stop ----
+
+TEST_F(DispatcherLife, StartsOnce) {
+  start();
+  const int threads = threadCount();
+  dispatcher.start();
+  dispatcher.start();
+  EXPECT_EQ(threadCount(), threads);
+  expectNothingMoreOnTheWire();  // in particular no second subscription of the markers
+  dispatcher.stop();             // once is enough
+  EXPECT_TRUE(eventually([&] { return threadCount() == threads - 5; }));
+}
+
+TEST_F(DispatcherLife, MayBeStoppedOrDestroyedWithoutAStart) {
+  dispatcher.stop();
+  dispatcher.stop(true);
+  start();
+  settle();
+  dispatcher.stop();
+  dispatcher.stop();
+  const MessageDispatcher neverStarted(broker.updatesEndpoint, broker.cacheEndpoint);
+}
+
+TEST_F(DispatcherLife, ResumesWithTheSameSubscribers) {
+  const auto all = recorder(SubscriptionMode::AllValues, "all", "");
+  const auto once = recorder(SubscriptionMode::Once, "once", "");
+  const auto fresh = recorder(SubscriptionMode::NewValues, "new", "");
+  const auto multi = std::make_shared<RecordingMultiSubscriber>("m");
+  start();
+  subscribe(broker.cache, all, "all:default");
+  subscribe(broker.cache, all, "all:default");
+  subscribe(broker.cache, once, "once:default");
+  subscribe(broker.updates, fresh, "new:default");
+  subscribe(broker.updates, multi, "m");
+  for (int round = 0; round < 3; ++round) {
+    dispatcher.stop();
+    // ZeroMQ passes on the last of equal ones.
+    EXPECT_EQ(sortedFrames(broker.cache, 3),
+              (Frames{unsubscribed("all:default").front(), unsubscribed("once:default").front(),
+                      unsubscribed(kMarker).front()}));
+    EXPECT_EQ(sortedFrames(broker.updates, 3),
+              (Frames{unsubscribed("m").front(), unsubscribed("new:default").front(),
+                      unsubscribed(kMarker).front()}));
+    dispatcher.start();
+    EXPECT_EQ(sortedFrames(broker.cache, 4),
+              (Frames{subscribed("all:default").front(), subscribed("all:default").front(),
+                      subscribed("once:default").front(), subscribed(kMarker).front()}));
+    EXPECT_EQ(sortedFrames(broker.updates, 3),
+              (Frames{subscribed("m").front(), subscribed("new:default").front(),
+                      subscribed(kMarker).front()}));
+    expectNothingMoreOnTheWire();
+    for (const auto& fence : fences) dispatcher.unregisterSubscriber(fence);
+    EXPECT_EQ(broker.cache.receive().size(), 1U);
+    EXPECT_EQ(broker.updates.receive().size(), 1U);
+    fences.clear();
+    broker.cache.send(valueMessage("all:default", "1"));
+    broker.updates.send(valueMessage("new:default", "2"));
+    broker.updates.send(valueMessage("m:x", "3"));
+    settle();
+    EXPECT_EQ(all->journal.lines(), (Lines{"value 1", "value 1"}));
+    EXPECT_EQ(fresh->journal.lines(), Lines{"value 2"});
+    EXPECT_EQ(multi->journal.lines(), Lines{"value m x 3"});
+    all->journal.clear();
+    fresh->journal.clear();
+    multi->journal.clear();
+  }
+  broker.cache.send(valueMessage("once:default", "4"));
+  settle();
+  EXPECT_EQ(once->journal.lines(), Lines{"value 4"});
+}
+
+TEST_F(DispatcherLife, ForgetsItsSubscribersWhenToldTo) {
+  const auto all = recorder(SubscriptionMode::AllValues, "all", "");
+  const auto multi = std::make_shared<RecordingMultiSubscriber>("");
+  start();
+  subscribe(broker.cache, all, "all:default");
+  subscribe(broker.updates, multi, "");
+  dispatcher.stop(true);
+  expectUnsubscribed(1, 1);
+  dispatcher.start();
+  addMarkers();  // the first thing that the broker hears
+  broker.cache.send(valueMessage("all:default", "1"));
+  broker.updates.send(valueMessage("all:default", "1"));
+  settle();
+  EXPECT_EQ(all->journal.lines(), Lines{});
+  EXPECT_EQ(multi->journal.lines(), Lines{});
+  subscribe(broker.cache, all, "all:default");
+  broker.cache.send(valueMessage("all:default", "2"));
+  settle();
+  EXPECT_EQ(all->journal.lines(), Lines{"value 2"});
+}
+
+TEST_F(DispatcherLife, IgnoresTheFlagOfAStopWhileStopped) {
+  const auto all = recorder(SubscriptionMode::AllValues, "all", "");
+  start();
+  subscribe(broker.cache, all, "all:default");
+  dispatcher.stop(false);
+  dispatcher.stop(true);
+  expectUnsubscribed(0, 1);
+  dispatcher.start();
+  EXPECT_EQ(sortedFrames(broker.cache, 2),
+            (Frames{subscribed("all:default").front(), subscribed(kMarker).front()}));
+  EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
+  broker.cache.send(valueMessage("all:default", "1"));
+  settle();
+  EXPECT_EQ(all->journal.lines(), Lines{"value 1"});
+}
+
+TEST_F(DispatcherLife, KeepsWhatWasQueuedWhileStopped) {
+  const auto staying = recorder(SubscriptionMode::AllValues, "staying", "");
+  const auto queued = recorder(SubscriptionMode::AllValues, "queued", "");
+  start();
+  subscribe(broker.cache, staying, "staying:default");
+  dispatcher.stop(true);
+  dispatcher.registerSubscriber(queued);
+  dispatcher.stop(true);
+  dispatcher.stop(false);
+  expectUnsubscribed(0, 1);
+  dispatcher.start();
+  EXPECT_EQ(broker.cache.receive(), subscribed("queued:default"));
+}
+
+// The dispatcher's thread waits for a callback and sees what is queued only after the next start.
+TEST_F(DispatcherLife, KeepsWhatWasQueuedWhenItIsToldToForget) {
+  const auto waiting = std::make_shared<WaitingSubscriber>(SubscriptionMode::AllValues, "w", "");
+  const auto queued = recorder(SubscriptionMode::NewValues, "queued", "");
+  start();
+  subscribe(broker.cache, waiting, "w:default");
+  broker.cache.send(valueMessage("w:default", "1"));
+  broker.cache.send(valueMessage("w:default", "2"));
+  ASSERT_TRUE(waiting->journal.waitFor(1));
+  std::atomic<int> stopper{0};
+  ScopedThread stopping([&] {
+    stopper = thisThread();
+    dispatcher.stop(true);
+  });
+  ASSERT_TRUE(eventually([&] { return stopper != 0; }));
+  ASSERT_TRUE(waitUntilAsleep(stopper));
+  dispatcher.registerSubscriber(queued);
+  waiting->gate.open();
+  stopping.join();
+  expectUnsubscribed(0, 1);
+  dispatcher.start();
+  EXPECT_EQ(broker.updates.receive(), subscribed("queued:default"));
+}
+
+TEST_F(DispatcherLife, WaitsForARunningCallbackWhenItStops) {
+  const auto waiting = std::make_shared<WaitingSubscriber>(SubscriptionMode::AllValues, "w", "");
+  start();
+  subscribe(broker.cache, waiting, "w:default");
+  broker.cache.send(valueMessage("w:default", "1"));
+  ASSERT_TRUE(waiting->journal.waitFor(1));
+  std::atomic<int> stopper{0};
+  ScopedThread stopping([&] {
+    stopper = thisThread();
+    dispatcher.stop();
+    waiting->journal.add("stopped");
+  });
+  ASSERT_TRUE(eventually([&] { return stopper != 0; }));
+  ASSERT_TRUE(waitUntilAsleep(stopper));
+  waiting->gate.open();
+  stopping.join();
+  EXPECT_EQ(waiting->journal.lines(), (Lines{"value 1", "returns", "stopped"}));
+  expectUnsubscribed(0, 1);
+  dispatcher.start();
+  EXPECT_EQ(sortedFrames(broker.cache, 2).size(), 2U);
+  EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
+  broker.cache.send(valueMessage("w:default", "2"));
+  settle();
+  EXPECT_EQ(waiting->journal.lines().back(), "returns");
+  EXPECT_EQ(waiting->journal.size(), 5U);
+}
+
+TEST_F(DispatcherLife, WaitsForARunningCallbackWhenItIsDestroyed) {
+  const auto waiting = std::make_shared<WaitingSubscriber>(SubscriptionMode::AllValues, "w", "");
+  auto other = std::make_unique<MessageDispatcher>(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  other->start();
+  other->registerSubscriber(waiting);
+  EXPECT_EQ(broker.cache.receive(), subscribed("w:default"));
+  broker.cache.send(valueMessage("w:default", "1"));
+  ASSERT_TRUE(waiting->journal.waitFor(1));
+  std::atomic<int> destroyer{0};
+  ScopedThread destroying([&] {
+    destroyer = thisThread();
+    other.reset();
+    waiting->journal.add("destroyed");
+  });
+  ASSERT_TRUE(eventually([&] { return destroyer != 0; }));
+  ASSERT_TRUE(waitUntilAsleep(destroyer));
+  waiting->gate.open();
+  destroying.join();
+  EXPECT_EQ(waiting->journal.lines(), (Lines{"value 1", "returns", "destroyed"}));
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("w:default"));
+}
+
+// One worker, many calls for one value, the first of which is held until the stop is under way.
+TEST_F(DispatcherLife, DropsTheCallsThatAreQueuedWhenItStops) {
+  constexpr int kMany = 1500;
+  class Slow : public Subscriber {
+   public:
+    Slow(Gate& gate, std::atomic<int>& calls)
+        : Subscriber(SubscriptionMode::AllValues, "t", ""), gate_(gate), calls_(calls) {}
+
+   protected:
+    void onValue(const void* /*data*/, std::size_t /*size*/) override {
+      ++calls_;
+      gate_.pass();
+      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+    }
+
+   private:
+    Gate& gate_;
+    std::atomic<int>& calls_;
+  };
+  Gate gate;
+  std::atomic<int> calls{0};
+  const auto slow = std::make_shared<Slow>(gate, calls);
+  MessageDispatcher other(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  for (int i = 0; i < kMany; ++i) other.registerSubscriber(slow);
+  other.start();
+  for (int i = 0; i < kMany; ++i) broker.cache.receive();
+  broker.cache.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(eventually([&] { return calls == 1; }));
+  std::atomic<int> stopper{0};
+  ScopedThread stopping([&] {
+    stopper = thisThread();
+    other.stop();
+  });
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));  // the loop has ended
+  ASSERT_TRUE(waitUntilAsleep(stopper));
+  gate.open();
+  stopping.join();
+  EXPECT_LT(calls, kMany);
+}
+
+TEST_F(DispatcherLife, StartsAndStopsFromManyThreads) {
+  std::vector<std::thread> threads;
+  for (int t = 0; t < 4; ++t) {
+    threads.emplace_back([&] {
+      for (int i = 0; i < 25; ++i) {
+        dispatcher.start();
+        dispatcher.stop();
+      }
+    });
+  }
+  for (std::thread& thread : threads) thread.join();
+  start();
+  settle();
+}
+
+// ---- no workers ----
+
+class DispatcherWithoutWorkers : public DispatcherTest {
+ protected:
+  DispatcherWithoutWorkers() : DispatcherTest(0) {}
+
+  // Sends values until the dispatcher's thread waits for a callback that never runs: it then takes
+  // no registrations any more.
+  bool isStuck() {
+    std::vector<std::shared_ptr<RecordingSubscriber>> probes;
+    for (int i = 0; i < 20; ++i) {
+      broker.cache.send(valueMessage("t:default", "1"));
+      const std::string topic = "probe" + std::to_string(i);
+      probes.push_back(recorder(SubscriptionMode::NewValues, topic, ""));
+      dispatcher.registerSubscriber(probes.back());
+      if (!broker.updates.tryReceive(std::chrono::milliseconds(500))) return true;
+    }
+    return false;
+  }
+};
+
+TEST_F(DispatcherWithoutWorkers, CallsNobodyWaitsAtTheSecondValueAndStillStops) {
+  const auto subscriber = recorder(SubscriptionMode::AllValues, "t", "");
+  dispatcher.start();
+  subscribe(broker.cache, subscriber, "t:default");
+  EXPECT_TRUE(isStuck());
+  withoutHanging("stopping without workers", [&] { dispatcher.stop(); });
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));
+  EXPECT_EQ(subscriber->journal.lines(), Lines{});
+
+  // And once more, now by the destructor.
+  dispatcher.start();
+  EXPECT_EQ(broker.cache.receive(), subscribed("t:default"));
+  while (broker.updates.tryReceive(std::chrono::milliseconds(100))) {
+  }
+  EXPECT_TRUE(isStuck());
+  EXPECT_EQ(subscriber->journal.lines(), Lines{});
+}
+
+TEST_F(DispatcherWithoutWorkers, TakesTheFirstValueAndGoesOnWithRegistrations) {
+  const auto subscriber = recorder(SubscriptionMode::Once, "t", "");
+  dispatcher.start();
+  subscribe(broker.cache, subscriber, "t:default");
+  broker.cache.send(valueMessage("t:default", "1"));
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));  // dispatched, if never delivered
+  const auto another = recorder(SubscriptionMode::AllValues, "u", "");
+  subscribe(broker.cache, another, "u:default");
+  dispatcher.stop();
+  EXPECT_EQ(subscriber->journal.lines(), Lines{});
+}
+
+// ---- on the dispatcher's own thread ----
+
+// Calls back when the memory is given back. That is when the last weak reference goes, and the
+// dispatcher holds one for each registration: so its thread runs foreign code here.
+template <typename T>
+struct CallingAllocator {
+  using value_type = T;
+  explicit CallingAllocator(const std::function<void()>* toCall) : call(toCall) {}
+  template <typename U>
+  CallingAllocator(const CallingAllocator<U>& other) : call(other.call) {}
+  T* allocate(std::size_t count) { return static_cast<T*>(::operator new(count * sizeof(T))); }
+  void deallocate(T* memory, std::size_t /*count*/) {
+    (*call)();
+    ::operator delete(memory);
+  }
+  template <typename U>
+  bool operator==(const CallingAllocator<U>& other) const {
+    return call == other.call;
+  }
+  template <typename U>
+  bool operator!=(const CallingAllocator<U>& other) const {
+    return call != other.call;
+  }
+  const std::function<void()>* call;
+};
+
+std::shared_ptr<Subscriber> callingWhenFreed(const std::function<void()>& call) {
+  return std::allocate_shared<Subscriber>(CallingAllocator<Subscriber>(&call),
+                                          SubscriptionMode::AllValues, "freed", "");
+}
+
+std::error_code stopError(MessageDispatcher& dispatcher) {
+  try {
+    dispatcher.stop();
+  } catch (const std::system_error& error) {
+    return error.code();
+  }
+  return {};
+}
+
+TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
+  std::thread::id thread;
+  std::error_code error;
+  Journal journal;
+  const std::function<void()> stopIt = [&] {
+    thread = std::this_thread::get_id();
+    error = stopError(dispatcher);
+    journal.add("refused");
+  };
+  auto subscriber = callingWhenFreed(stopIt);
+  start();
+  subscribe(broker.cache, subscriber, "freed:default");
+  settle();
+  subscriber.reset();
+  const auto another = recorder(SubscriptionMode::AllValues, "another", "");
+  dispatcher.registerSubscriber(another);  // wakes it, and it finds the one that has gone
+  ASSERT_TRUE(journal.waitFor(1));
+  EXPECT_NE(thread, std::this_thread::get_id());
+  EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
+
+  // The thread ends all the same, and the stop from outside completes it.
+  EXPECT_EQ(broker.updates.receive(), unsubscribed(kMarker));
+  withoutHanging("stopping after a refused stop", [&] { dispatcher.stop(); });
+  EXPECT_EQ(broker.cache.receive(), subscribed("another:default"));
+  EXPECT_EQ(sortedFrames(broker.cache, 3).size(), 3U);
+  dispatcher.start();
+  EXPECT_EQ(sortedFrames(broker.cache, 2),
+            (Frames{subscribed("another:default").front(), subscribed(kMarker).front()}));
+  EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
+  expectNothingMoreOnTheWire();
+  settle();
+}
+
+TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThreadWhileAnotherStopsIt) {
+  std::error_code error;
+  std::atomic<int> stopper{0};
+  Journal journal;
+  const std::function<void()> stopIt = [&] {
+    journal.add("called");
+    EXPECT_TRUE(eventually([&] { return stopper != 0; }));
+    waitUntilAsleep(stopper);
+    error = stopError(dispatcher);
+  };
+  auto subscriber = callingWhenFreed(stopIt);
+  start();
+  subscribe(broker.cache, subscriber, "freed:default");
+  settle();
+  subscriber.reset();
+  const auto another = recorder(SubscriptionMode::AllValues, "another", "");
+  dispatcher.registerSubscriber(another);
+  ASSERT_TRUE(journal.waitFor(1));
+  withoutHanging("stopping while the dispatcher's thread stops, too", [&] {
+    stopper = thisThread();
+    dispatcher.stop();
+  });
+  EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
+  EXPECT_EQ(broker.updates.receive(), unsubscribed(kMarker));
+  dispatcher.start();
+  EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
+}
+
+// ---- threads that cannot be had, signals ----
+
+// While it lives only `threads` more threads can be started, because their stacks are large and
+// address space is short.
+class FewThreads {
+ public:
+  explicit FewThreads(int threads) {
+    EXPECT_EQ(getrlimit(RLIMIT_AS, &limit_), 0);
+    EXPECT_EQ(pthread_getattr_default_np(&attributes_), 0);
+    pthread_attr_t large;
+    pthread_attr_init(&large);
+    EXPECT_EQ(pthread_attr_setstacksize(&large, kStack), 0);
+    EXPECT_EQ(pthread_setattr_default_np(&large), 0);
+    pthread_attr_destroy(&large);
+    std::size_t pages = 0;
+    std::ifstream("/proc/self/statm") >> pages;
+    rlimit little = limit_;
+    little.rlim_cur = pages * static_cast<std::size_t>(sysconf(_SC_PAGESIZE)) +
+                      static_cast<std::size_t>(threads) * kStack + kStack / 2;
+    EXPECT_EQ(setrlimit(RLIMIT_AS, &little), 0);
+  }
+  ~FewThreads() {
+    setrlimit(RLIMIT_AS, &limit_);
+    pthread_setattr_default_np(&attributes_);
+    pthread_attr_destroy(&attributes_);
+  }
+  FewThreads(const FewThreads&) = delete;
+  FewThreads& operator=(const FewThreads&) = delete;
+
+ private:
+  static constexpr std::size_t kStack = std::size_t{1} << 30;
+  rlimit limit_{};
+  pthread_attr_t attributes_{};
+};
+
+TEST_F(DispatcherLife, IsAsItWasWhenThereAreNoThreadsToBeHad) {
+  const auto subscriber = recorder(SubscriptionMode::AllValues, "t", "");
+  dispatcher.registerSubscriber(subscriber);
+  const int before = threadCount();
+  for (int threads = 0; threads < 5; ++threads) {  // it needs one more in each case
+    const FewThreads few(threads);
+    EXPECT_THROW(dispatcher.start(), std::system_error) << threads;
+    EXPECT_TRUE(eventually([&] { return threadCount() == before; })) << threadCount();
+    dispatcher.stop(true);  // does nothing, for it does not run
+  }
+  dispatcher.start();
+  EXPECT_EQ(broker.cache.receive(), subscribed("t:default"));
+  addMarkers();
+  broker.cache.send(valueMessage("t:default", "1"));
+  settle();
+  EXPECT_EQ(subscriber->journal.lines(), Lines{"value 1"});
+}
+
+std::set<int> threadNumbers() {
+  std::set<int> numbers;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    numbers.insert(std::stoi(task.path().filename()));
+  }
+  return numbers;
+}
+
+TEST_F(DispatcherLife, GoesOnWhenSignalsInterruptIt) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};  // without SA_RESTART
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  const auto fresh = recorder(SubscriptionMode::NewValues, "t", "");
+  const auto all = recorder(SubscriptionMode::AllValues, "t", "");
+  const std::set<int> others = threadNumbers();
+  start();
+  std::set<int> threads = threadNumbers();
+  for (const int other : others) threads.erase(other);
+  std::atomic<bool> done{false};
+  ScopedThread signalling([&] {
+    while (!done) {
+      for (const int thread : threads) syscall(SYS_tgkill, getpid(), thread, SIGUSR1);
+    }
+  });
+  subscribe(broker.updates, fresh, "t:default");
+  subscribe(broker.cache, all, "t:default");
+  Lines expected;
+  for (int i = 0; i < 1000; ++i) {
+    broker.updates.send(valueMessage("t:default", std::to_string(i)));
+    broker.cache.send(valueMessage("t:default", std::to_string(i)));
+    expected.push_back("value " + std::to_string(i));
+    if (i % 100 == 99) {
+      settle();
+      expectNothingMoreOnTheWire();
+    }
+  }
+  done = true;
+  signalling.join();
+  EXPECT_EQ(fresh->journal.lines(), expected);
+  EXPECT_EQ(all->journal.lines(), expected);
+}
+
+// ---- what ends the process ----
+
+class DispatcherDeathTest : public ::testing::Test {
+ protected:
+  DispatcherDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  // In the process that is to die: delivers a value, or a deletion, to a subscriber.
+  template <typename Call>
+  static void deliver(unsigned long long flags, const Call& call) {
+    class Calling : public Subscriber {
+     public:
+      explicit Calling(std::function<void()> toCall)
+          : Subscriber(SubscriptionMode::AllValues, "t", ""), call_(std::move(toCall)) {}
+
+     protected:
+      void onValue(const void* /*data*/, std::size_t /*size*/) override { call_(); }
+      void onDeletion() override { call_(); }
+
+     private:
+      const std::function<void()> call_;
+    };
+    RawBroker broker;
+    auto dispatcher =
+        std::make_unique<MessageDispatcher>(broker.updatesEndpoint, broker.cacheEndpoint, 2);
+    const auto subscriber = std::make_shared<Calling>([&] { call(dispatcher); });
+    dispatcher->start();
+    dispatcher->registerSubscriber(subscriber);
+    broker.cache.receive();
+    broker.cache.send(valueMessage("t:default", "1", flags));
+    std::this_thread::sleep_for(kPatience);  // it is over long before
+  }
+  using Owner = std::unique_ptr<MessageDispatcher>;
+};
+
+TEST_F(DispatcherDeathTest, AnExceptionThatLeavesACallbackEndsTheProcess) {
+  for (const unsigned long long flags : {kLiveFlag, kDeletedFlag}) {
+    EXPECT_EXIT(deliver(flags, [](Owner&) { throw std::runtime_error("left a callback"); }),
+                ::testing::KilledBySignal(SIGABRT), "left a callback");
+  }
+}
+
+TEST_F(DispatcherDeathTest, AStopFromACallbackEndsTheProcess) {
+  EXPECT_EXIT(deliver(kLiveFlag, [](Owner& dispatcher) { dispatcher->stop(); }),
+              ::testing::KilledBySignal(SIGABRT), "system_error");
+}
+
+TEST_F(DispatcherDeathTest, DestructionFromACallbackEndsTheProcess) {
+  EXPECT_EXIT(deliver(kLiveFlag, [](Owner& dispatcher) { dispatcher.reset(); }),
+              ::testing::KilledBySignal(SIGABRT), "system_error");
+}
+
+TEST_F(DispatcherDeathTest, DestructionOnTheDispatcherThreadEndsTheProcess) {
+  const auto destroyIt = [] {
+    RawBroker broker;
+    Owner dispatcher =
+        std::make_unique<MessageDispatcher>(broker.updatesEndpoint, broker.cacheEndpoint);
+    const std::function<void()> destroy = [&] { dispatcher.reset(); };
+    auto subscriber = callingWhenFreed(destroy);
+    dispatcher->start();
+    dispatcher->registerSubscriber(subscriber);
+    broker.cache.receive();
+    subscriber.reset();
+    for (int i = 0; i < 2; ++i) {  // wakes it once the first registration is over
+      dispatcher->registerSubscriber(recorder(SubscriptionMode::AllValues, "t", ""));
+      std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    }
+    std::this_thread::sleep_for(kPatience);
+  };
+  EXPECT_EXIT(destroyIt(), ::testing::KilledBySignal(SIGABRT), "system_error");
+}
+
+}  // namespace
+}  // namespace tessel
