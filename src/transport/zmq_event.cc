@@ -5,6 +5,8 @@
 #include <atomic>
 #include <cstdint>
 
+#include "transport/poll_set.h"
+
 namespace tessel {
 namespace {
 
@@ -25,7 +27,8 @@ void ZmqEvent::signal() {
 
 void ZmqEvent::consume() {
   ZmqFrame taken;
-  receiver_.receive(taken, 0);
+  // Not a receive that waits: a signal handler would end it, and the loop with it.
+  while (!receiver_.receive(taken, ZMQ_DONTWAIT)) PollSet{receiver_.handle()}.wait();
 }
 
 }  // namespace tessel

@@ -57,6 +57,17 @@ void insist(int explained, const CloseTime& closed, const Attempt& attempt) {
   }
 }
 
+// Repeats a call of ZeroMQ that a signal handler interrupted. Also one that does not wait can be:
+// it looks at the socket's mailbox, and the system does not tell the two apart.
+template <typename Call>
+int uninterrupted(const Call& call) {
+  int result = 0;
+  do {
+    result = call();
+  } while (result < 0 && zmq_errno() == EINTR);
+  return result;
+}
+
 }  // namespace
 
 ZmqSocket::ZmqSocket(int type) : type_(type) { create(); }
@@ -67,6 +78,7 @@ ZmqSocket::~ZmqSocket() { close(); }
 
 void ZmqSocket::create() {
   close();
+  receivingMore_ = false;
   insist(EMFILE, lastClose, [this] {
     handle_ = zmq_socket(ZmqContext::handle(), type_);
     return handle_ != nullptr;
@@ -86,7 +98,7 @@ void ZmqSocket::connect(const std::string& endpoint) {
   peerClosed_.reset();
   connectError_ = 0;
   const auto connectNow = [this] {
-    if (zmq_connect(handle_, endpoint_.c_str()) == 0) return;
+    if (uninterrupted([this] { return zmq_connect(handle_, endpoint_.c_str()); }) == 0) return;
     connectError_ = zmq_errno();
     throwZmqError(connectError_);
   };
@@ -102,15 +114,15 @@ void ZmqSocket::bind(const std::string& endpoint) {
 }
 
 bool ZmqSocket::tryBind(const std::string& endpoint) {
+  const auto bindNow = [&] {
+    return uninterrupted([&] { return zmq_bind(handle_, endpoint.c_str()); }) == 0;
+  };
   if (InprocEndpoints::isInproc(endpoint)) {
-    if (!InprocEndpoints::instance().bind(
-            endpoint, [&] { return zmq_bind(handle_, endpoint.c_str()) == 0; })) {
-      return false;
-    }
+    if (!InprocEndpoints::instance().bind(endpoint, bindNow)) return false;
     boundEndpoints_.push_back(endpoint);
     return true;
   }
-  if (zmq_bind(handle_, endpoint.c_str()) != 0) return false;
+  if (!bindNow()) return false;
   char resolved[1024];  // a wildcard port or address has become a real one
   std::size_t size = sizeof resolved;
   if (zmq_getsockopt(handle_, ZMQ_LAST_ENDPOINT, resolved, &size) != 0) throwZmqError();
@@ -137,7 +149,7 @@ void ZmqSocket::setOption(int option, const void* value, std::size_t size) {
 }
 
 bool ZmqSocket::send(ZmqFrame& frame, int flags) {
-  if (zmq_msg_send(frame.raw(), handle_, flags) >= 0) return true;
+  if (uninterrupted([&] { return zmq_msg_send(frame.raw(), handle_, flags); }) >= 0) return true;
   if (zmq_errno() == EAGAIN) return false;
   throwZmqError();
 }
@@ -148,7 +160,13 @@ bool ZmqSocket::send(std::shared_ptr<ZmqFrame>&& frame, int flags) {
 }
 
 bool ZmqSocket::receive(ZmqFrame& frame, int flags) {
-  if (zmq_msg_recv(frame.raw(), handle_, flags) >= 0) return true;
+  const auto receiveNow = [&] { return zmq_msg_recv(frame.raw(), handle_, flags); };
+  // The frames of a message come together, so only the first is ever waited for.
+  const bool waits = (flags & ZMQ_DONTWAIT) == 0 && !receivingMore_;
+  if ((waits ? receiveNow() : uninterrupted(receiveNow)) >= 0) {
+    receivingMore_ = frame.more();
+    return true;
+  }
   if (zmq_errno() == EAGAIN) return false;
   throwZmqError();
 }
@@ -180,7 +198,8 @@ bool ZmqSocket::peerGone() const {
 }
 
 bool ZmqSocket::sendFirstNow(ZmqFrame& frame, int flags) {
-  if (zmq_msg_send(frame.raw(), handle_, flags | ZMQ_DONTWAIT) >= 0) return true;
+  const auto sendNow = [&] { return zmq_msg_send(frame.raw(), handle_, flags | ZMQ_DONTWAIT); };
+  if (uninterrupted(sendNow) >= 0) return true;
   if (zmq_errno() == EAGAIN) return false;
   if (zmq_errno() != EFSM) throwZmqError();
   reconnect();  // a request socket whose last call was interrupted before its reply

@@ -45,7 +45,8 @@ class ZmqSocket {
   /// True when sent, and the frame is then empty; false when that would have to wait.
   bool send(ZmqFrame& frame, int flags);
   bool send(std::shared_ptr<ZmqFrame>&& frame, int flags);
-  /// False on a time-out, or with ZMQ_DONTWAIT when nothing is there.
+  /// False on a time-out, or with ZMQ_DONTWAIT when nothing is there. A signal handler ends the
+  /// waiting for a message: thrown. Nothing else that a socket does is ended by one.
   bool receive(ZmqFrame& frame, int flags);
   bool receive(const std::shared_ptr<ZmqFrame>& frame, int flags);
   /// Drops what is left of a message whose last frame read said that more would follow.
@@ -85,6 +86,7 @@ class ZmqSocket {
   std::string endpoint_;
   int receiveTimeout_ = -1;
   bool sendLimitLifted_ = false;
+  bool receivingMore_ = false;               // the last frame received has others behind it
   int connectError_ = 0;                     // of the last connect; 0 when it succeeded
   InprocEndpoints::ClosedFlag peerClosed_;   // null unless connected to an in-process endpoint
   std::vector<std::string> boundEndpoints_;  // as ZeroMQ resolved them

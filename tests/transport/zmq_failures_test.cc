@@ -74,6 +74,14 @@ int zmq_getsockopt(void* socket, int option, void* value, size_t* size) {
   if (fails("zmq_getsockopt")) return -1;
   return real("zmq_getsockopt", &zmq_getsockopt)(socket, option, value, size);
 }
+int zmq_bind(void* socket, const char* endpoint) {
+  if (fails("zmq_bind")) return -1;
+  return real("zmq_bind", &zmq_bind)(socket, endpoint);
+}
+int zmq_connect(void* socket, const char* endpoint) {
+  if (fails("zmq_connect")) return -1;
+  return real("zmq_connect", &zmq_connect)(socket, endpoint);
+}
 int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
   if (fails("zmq_poll")) return -1;
   return real("zmq_poll", &zmq_poll)(items, count, timeout);
@@ -262,8 +270,8 @@ TEST_F(Discarding, ThrowsWhenThePollFails) {
 }
 
 TEST_F(Discarding, ThrowsWhenAReceiveFails) {
-  const Failing failing("zmq_msg_recv", EINTR, 1);
-  EXPECT_ZMQ_ERROR(receiver_.discardPending(), EINTR);
+  const Failing failing("zmq_msg_recv", ENOTSOCK, 1);
+  EXPECT_ZMQ_ERROR(receiver_.discardPending(), ENOTSOCK);
 }
 
 TEST_F(Discarding, EndsWhenAReceiveWouldHaveToWait) {
@@ -360,8 +368,8 @@ TEST(ZmqFailures, AMessageThrowsForEveryFrameThatCannotBeSent) {
   for (int frame = 0; frame < kFrames; ++frame) {
     ZmqSocket sender(ZMQ_PUSH, uniqueInproc());
     MessagePublish message("topic", "tag", "value", 5, 1);
-    const Failing failing("zmq_msg_send", EINTR, frame);
-    EXPECT_ZMQ_ERROR(message.send(sender), EINTR);
+    const Failing failing("zmq_msg_send", ENOTSOCK, frame);
+    EXPECT_ZMQ_ERROR(message.send(sender), ENOTSOCK);
     EXPECT_TRUE(failing.used());
   }
 }
@@ -391,7 +399,7 @@ TEST(ZmqFailures, AMessageWaitsWithItsFirstFrame) {
 
 TEST(ZmqFailures, ANotificationThrowsForEveryFrameThatCannotBeSent) {
   for (int frame = 0; frame < 3; ++frame) {
-    for (const int error : {EINTR, EAGAIN}) {
+    for (const int error : {ENOTSOCK, EAGAIN}) {
       ZmqSocket sender(ZMQ_XPUB);
       ValueNotification notification("topic:tag", ZmqFrame(), 0);
       const Failing failing("zmq_msg_send", error, frame);
@@ -409,8 +417,8 @@ TEST(ZmqFailures, AMessageThrowsForEveryFrameThatCannotBeReceived) {
     RawPeer(ZMQ_PUSH).connect(endpoint).send(
         {"route", "", "RS02", "\x03", "topic", "tag", "value", word(1)});
     MessagePublish message;
-    const Failing failing("zmq_msg_recv", EINTR, frame);
-    EXPECT_ZMQ_ERROR(message.receive(receiver), EINTR) << frame;
+    const Failing failing("zmq_msg_recv", ENOTSOCK, frame);
+    EXPECT_ZMQ_ERROR(message.receive(receiver), ENOTSOCK) << frame;
     EXPECT_TRUE(failing.used());
   }
 }
@@ -427,6 +435,100 @@ TEST(ZmqFailures, AMessageIsNotReceivedWhenAFrameDoesNotCome) {
     EXPECT_FALSE(message.receive(receiver)) << frame;
     EXPECT_TRUE(failing.used());
   }
+}
+
+// ---- signal handlers, of which ZeroMQ tells also where nothing waits
+
+TEST(ZmqFailures, AnInterruptedConnectOrBindGoesOn) {
+  for (const std::string& endpoint : {uniqueInproc(), freeTcp()}) {
+    ZmqSocket receiver(ZMQ_PULL);
+    ZmqSocket sender(ZMQ_PUSH);
+    {
+      const Failing failing("zmq_bind", EINTR, 0, 3);
+      EXPECT_EQ(zmqErrorOf([&] { receiver.bind(endpoint); }), "nothing thrown");
+      EXPECT_TRUE(failing.used());
+    }
+    {
+      const Failing failing("zmq_connect", EINTR, 0, 3);
+      EXPECT_EQ(zmqErrorOf([&] { sender.connect(endpoint); }), "nothing thrown");
+      EXPECT_TRUE(failing.used());
+    }
+    ZmqFrame frame(std::string("arrives"));
+    sender.sendFirst(frame, 0);
+    ZmqFrame received;
+    EXPECT_TRUE(receiver.receive(received, 0));
+    EXPECT_EQ(received.toString(), "arrives");
+  }
+}
+
+TEST(ZmqFailures, AnInterruptedSendGoesOn) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
+  for (int frame = 0; frame < 7; ++frame) {
+    ZmqSocket sender(ZMQ_PUSH, endpoint);
+    MessagePublish message("topic", "tag", "value", 5, 1);
+    {
+      const Failing failing("zmq_msg_send", EINTR, frame, 3);
+      EXPECT_EQ(zmqErrorOf([&] { message.send(sender); }), "nothing thrown");
+      EXPECT_TRUE(failing.used());
+    }
+    EXPECT_EQ(peer.receive(), (Frames{"", "RS02", "\x03", "topic", "tag", "value", word(1)}));
+  }
+}
+
+class InterruptedReceive : public ::testing::Test {
+ protected:
+  InterruptedReceive() : receiver_(ZMQ_PULL) {
+    const std::string endpoint = uniqueInproc();
+    receiver_.bind(endpoint);
+    RawPeer(ZMQ_PUSH).connect(endpoint).send({"a", "b"});
+  }
+
+  ZmqSocket receiver_;
+};
+
+TEST_F(InterruptedReceive, GoesOnWhereItDoesNotWait) {
+  ZmqFrame frame;
+  {
+    const Failing failing("zmq_msg_recv", EINTR, 0, 3);
+    EXPECT_TRUE(receiver_.receive(frame, ZMQ_DONTWAIT));
+    EXPECT_TRUE(failing.used());
+    EXPECT_EQ(frame.toString(), "a");
+  }
+  const Failing failing("zmq_msg_recv", EINTR, 0, 3);
+  EXPECT_TRUE(receiver_.receive(frame, 0));  // it has come with the first
+  EXPECT_TRUE(failing.used());
+  EXPECT_EQ(frame.toString(), "b");
+}
+
+TEST_F(InterruptedReceive, ThrowsWhereItWaits) {
+  ZmqFrame frame;
+  EXPECT_TRUE(receiver_.receive(frame, 0));
+  EXPECT_TRUE(receiver_.receive(frame, 0));
+  const Failing failing("zmq_msg_recv", EINTR);
+  EXPECT_ZMQ_ERROR(receiver_.receive(frame, 0), EINTR);
+}
+
+TEST_F(InterruptedReceive, OfANewSocketWaitsAgain) {
+  ZmqFrame frame;
+  EXPECT_TRUE(receiver_.receive(frame, 0));
+  receiver_.connect(uniqueInproc());
+  receiver_.reconnect();
+  const Failing failing("zmq_msg_recv", EINTR);
+  EXPECT_ZMQ_ERROR(receiver_.receive(frame, 0), EINTR);
+}
+
+TEST(ZmqFailures, AnEventIsConsumedInSpiteOfInterruptions) {
+  ZmqEvent event;
+  {
+    const Failing failing("zmq_msg_send", EINTR, 0, 3);
+    event.signal();
+    EXPECT_TRUE(failing.used());
+  }
+  const Failing failing("zmq_msg_recv", EINTR, 0, 3);
+  EXPECT_EQ(zmqErrorOf([&] { event.consume(); }), "nothing thrown");
+  EXPECT_TRUE(failing.used());
 }
 
 }  // namespace
