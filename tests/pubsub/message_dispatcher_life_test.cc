@@ -131,46 +131,6 @@ TEST_F(DispatcherLife, LeavesNothingBehindWhenItCannotConnect) {
   EXPECT_TRUE(eventually([&] { return !broker.updates.readable() && openFiles() <= before; }));
 }
 
-// Other tests may have the ports just now.
-std::unique_ptr<RawPeer> boundWhenFree(const std::string& endpoint) {
-  auto peer = std::make_unique<RawPeer>(ZMQ_XPUB);
-  EXPECT_TRUE(eventually([&] { return zmq_bind(peer->handle(), endpoint.c_str()) == 0; }))
-      << endpoint << ": " << zmq_strerror(zmq_errno());
-  return peer;
-}
-
-// Reads until that subscription comes; somebody else may find the ports, too.
-bool awaitSubscription(RawPeer& peer, const std::string& key) {
-  return eventually([&] { return peer.tryReceive(kPatience) == subscribed(key); });
-}
-
-TEST_F(DispatcherLife, HasTheUsualEndpointsAndFourWorkersUnlessToldOtherwise) {
-  const auto updates = boundWhenFree("tcp://127.0.0.1:9011");
-  const auto cache = boundWhenFree("tcp://127.0.0.1:9012");
-  const std::string topic = "process" + std::to_string(getpid());
-  const auto fresh = recorder(SubscriptionMode::NewValues, topic, "");
-  std::vector<std::shared_ptr<WaitingSubscriber>> waiting;
-  MessageDispatcher usual;
-  const int threads = threadCount();
-  usual.start();
-  EXPECT_EQ(threadCount(), threads + 5);
-  usual.registerSubscriber(fresh);
-  EXPECT_TRUE(awaitSubscription(*updates, topic + ":default"));
-  for (int i = 0; i < 4; ++i) {
-    waiting.push_back(
-        std::make_shared<WaitingSubscriber>(SubscriptionMode::AllValues, topic + "0", ""));
-    usual.registerSubscriber(waiting.back());
-  }
-  EXPECT_TRUE(awaitSubscription(*cache, topic + "0:default"));
-  const auto last = recorder(SubscriptionMode::AllValues, topic + "last", "");
-  usual.registerSubscriber(last);
-  EXPECT_TRUE(awaitSubscription(*cache, topic + "last:default"));
-  cache->send(valueMessage(topic + "0:default", "1"));
-  for (const auto& each : waiting) EXPECT_TRUE(each->journal.waitFor(1));  // all at once
-  for (const auto& each : waiting) each->gate.open();
-  usual.stop();
-}
-
 TEST_F(DispatcherLife, HasAsManyThreadsAsAskedForWhileItRuns) {
   const int before = threadCount();
   for (const int workers : {0, 1, 7}) {
