@@ -195,6 +195,8 @@ TEST(MessageBase, MessagesReachWhoeverBindsTheNameNextWhole) {
 TEST(MessageBase, SendingWaitsWhileTheQueueIsFullAndLosesNothing) {
   const std::string endpoint = uniqueInproc();
   constexpr int kMessages = 3000;  // more than the two ends hold
+  RawPeer peer(ZMQ_PULL);
+  peer.bind(endpoint);
   std::atomic<int> sent{0};
   std::thread sending([&] {
     ZmqSocket sender(ZMQ_PUSH, endpoint);
@@ -203,9 +205,7 @@ TEST(MessageBase, SendingWaitsWhileTheQueueIsFullAndLosesNothing) {
       ++sent;
     }
   });
-  EXPECT_TRUE(eventually([&] { return sent.load() >= 1000; }));
-  RawPeer peer(ZMQ_PULL);
-  peer.bind(endpoint);
+  EXPECT_TRUE(eventually([&] { return sent.load() >= 2000; }));
   for (int i = 0; i < kMessages; ++i) {
     ASSERT_EQ(peer.receive(), (Frames{"", "RS02", "\x03", std::to_string(i), "tag", "", word(0)}));
   }

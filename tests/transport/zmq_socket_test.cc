@@ -15,6 +15,12 @@
 #include "support/socket_budget.h"
 #include "support/zmq_errors.h"
 
+#if defined(__SANITIZE_THREAD__)
+// When a name is bound to which a socket is connected already, libzmq sets that one's high-water
+// marks from the binder's thread, while its own thread may be sending.
+extern "C" const char* __tsan_default_suppressions() { return "race:zmq::pipe_t::set_hwms"; }
+#endif
+
 namespace tessel::test {
 namespace {
 
@@ -750,6 +756,10 @@ TEST(ZmqSocket, KnowsWhenItsInprocPeerHasGone) {
   }
   EXPECT_TRUE(sender.peerGone());
   sender.reconnect();
+  EXPECT_FALSE(sender.peerGone());
+  ZmqSocket(ZMQ_PULL).bind(endpoint);
+  EXPECT_TRUE(sender.peerGone());
+  sender.connect(freeTcp());  // which has nothing to do with it
   EXPECT_FALSE(sender.peerGone());
 }
 
