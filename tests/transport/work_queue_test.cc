@@ -87,6 +87,8 @@ TEST(WorkQueue, WithSeveralWorkersRunsAsManyTasksAtOnce) {
   constexpr int kWorkers = 4;
   WorkQueue queue(kWorkers);
   for (int round = 0; round < 20; ++round) {
+    // Every other time the workers have gone to sleep.
+    if (round % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::atomic<int> here{0};
     std::atomic<bool> allMet{true};
     for (int i = 0; i < kWorkers; ++i) {
@@ -205,6 +207,8 @@ TEST(WorkQueue, PushAllWakesAsManyWorkersAsThereAreTasks) {
   constexpr std::size_t kWorkers = 3;
   WorkQueue queue(kWorkers);
   for (int round = 0; round < 20; ++round) {
+    // Every other time the workers have gone to sleep.
+    if (round % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
     std::atomic<std::size_t> here{0};
     std::atomic<bool> allMet{true};
     std::vector<WorkQueue::Task> tasks(kWorkers, [&] {
