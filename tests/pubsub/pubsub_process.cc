@@ -3,12 +3,14 @@
 //   pubsub_process publish ENDPOINT TOPIC TAG VALUE...
 //   pubsub_process withdraw ENDPOINT TOPIC TAG VALUE...    withdraws after it has published
 //   pubsub_process broker PULL UPDATES CACHE
+//   pubsub_process subscribe UPDATES CACHE TOPIC TAG       says what its subscribers get
 //   pubsub_process throw PULL                              a broker whose observer throws
 //   pubsub_process first                                   says where its first broker is
 //
 // Each says when it is ready and stays until its input is closed.
 
 #include <tessel/message_broker.h>
+#include <tessel/message_dispatcher.h>
 #include <tessel/publisher.h>
 
 #include <cstdlib>
@@ -48,6 +50,56 @@ void publish(const std::vector<std::string>& arguments, bool withdraw) {
   }
 }
 
+std::string textOf(const void* data, std::size_t size) {
+  return std::string(static_cast<const char*>(data), size);
+}
+
+class Saying : public tessel::Subscriber {
+ public:
+  Saying(const std::string& name, tessel::SubscriptionMode mode, const std::string& topic,
+         const std::string& tag)
+      : Subscriber(mode, topic, tag), name_(name) {}
+
+ protected:
+  void onValue(const void* data, std::size_t size) override {
+    say(name_ + " " + textOf(data, size));
+  }
+  void onDeletion() override { say(name_ + " deleted"); }
+
+ private:
+  const std::string name_;
+};
+
+class SayingMulti : public tessel::MultiSubscriber {
+ public:
+  using MultiSubscriber::MultiSubscriber;
+
+ protected:
+  void onValue(const std::string& topic, const std::string& tag, const void* data,
+               std::size_t size) override {
+    say("multi " + topic + " " + tag + " " + textOf(data, size));
+  }
+  void onDeletion(const std::string& topic, const std::string& tag) override {
+    say("multi " + topic + " " + tag + " deleted");
+  }
+};
+
+// With one worker, so that its lines come in one piece and, for cached values, in order.
+void subscribe(const std::vector<std::string>& arguments) {
+  const std::string& topic = arguments.at(3);
+  const std::string& tag = arguments.at(4);
+  const auto all = std::make_shared<Saying>("all", tessel::SubscriptionMode::AllValues, topic, tag);
+  const auto once = std::make_shared<Saying>("once", tessel::SubscriptionMode::Once, topic, tag);
+  const auto multi = std::make_shared<SayingMulti>(topic);
+  tessel::MessageDispatcher dispatcher(arguments.at(1), arguments.at(2), 1);
+  say("started");
+  dispatcher.start();
+  dispatcher.registerSubscriber(all);
+  dispatcher.registerSubscriber(once);
+  dispatcher.registerSubscriber(multi);
+  waitForInput();
+}
+
 int run(const std::vector<std::string>& arguments) {
   const std::string& role = arguments.at(0);
   if (role == "publish" || role == "withdraw") {
@@ -59,6 +111,8 @@ int run(const std::vector<std::string>& arguments) {
     broker.start();
     say("started");
     waitForInput();
+  } else if (role == "subscribe") {
+    subscribe(arguments);
   } else if (role == "throw") {
     MessageBroker broker({arguments.at(1)}, {}, {});
     const auto observer = std::make_shared<Throwing>();
