@@ -703,6 +703,7 @@ TEST_F(BrokerLife, SignalsToItsThreadDoNotDisturbIt) {
   broker.start();
   in.send(publication("t", "g", "", 0));
   called.pass();
+  broker.detach(watch);
   for (int i = 1; i <= 100; ++i) {
     ASSERT_EQ(pthread_kill(thread, SIGUSR1), 0);
     ASSERT_TRUE(eventually([&] { return handled == i; }));
