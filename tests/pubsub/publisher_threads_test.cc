@@ -5,6 +5,7 @@
 #include <tessel/publisher.h>
 
 #include <atomic>
+#include <csignal>
 #include <cstdlib>
 #include <map>
 #include <memory>
@@ -158,6 +159,30 @@ TEST(PublisherOfManyThreads, DefaultBrokersMayBeSetMeanwhile) {
         << received.first << " and " << received.second;
   }
   done = true;
+}
+
+// A signal in the middle of a call of ZeroMQ makes it fail, and a message would end half-way.
+TEST(PublisherOfManyThreads, SignalsDoNotDisturbThem) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};  // without SA_RESTART
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  Receiver receiver;
+  std::atomic<bool> done{false};
+  const Publisher publisher({receiver.endpoint}, "t", "g");
+  std::thread publishing([&] {
+    for (int i = 0; i < 20000; ++i) publish(publisher, std::to_string(i));
+    while (!done) std::this_thread::yield();
+  });
+  const pthread_t thread = publishing.native_handle();
+  ScopedThread storm([&] {
+    while (!done) pthread_kill(thread, SIGUSR1);
+  });
+  for (int i = 0; i < 20000; ++i) {
+    EXPECT_EQ(receiver.receive(), publication("t", "g", std::to_string(i), 1));
+  }
+  done = true;
+  storm.join();  // first: nobody signals a thread that has ended
+  publishing.join();
 }
 
 // --- Publishers that end late
