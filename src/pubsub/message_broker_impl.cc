@@ -50,6 +50,8 @@ MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTranspo
 MessageBrokerImpl::~MessageBrokerImpl() { stop(false, false); }
 
 void MessageBrokerImpl::start() {
+  // From an observer: it runs, and who holds the lock may be waiting for this thread to end.
+  if (threadId_ == std::this_thread::get_id()) return;
   const Lock lock(threadMutex_);
   if (thread_.joinable()) return;
   stopRequested_ = false;

@@ -589,33 +589,52 @@ TEST_F(BrokerLife, StopFromAnObserverManyTimesLeavesNoSignalBehind) {
   expectServes();
 }
 
-TEST_F(BrokerLife, StopFromAnObserverDoesNotWaitForAnotherThreadThatStops) {
+// Has another thread stop the broker, and makes the call when that one is in the middle of it.
+void whileAnotherThreadStops(MessageBroker& broker, const std::function<void()>& call) {
   std::atomic<int> stopping{0};
   Gate called;
-  std::error_code code;
-  auto stopper = std::make_shared<OnPublish>([&] {
+  const auto observer = std::make_shared<OnPublish>([&] {
     called.open();
     EXPECT_TRUE(eventually([&] { return stopping != 0; }));
-    EXPECT_TRUE(waitUntilAsleep(stopping));  // the other is in the middle of its stop()
+    EXPECT_TRUE(waitUntilAsleep(stopping));
+    call();
+  });
+  broker.attach(observer);
+  broker.start();
+  RawPeer push(ZMQ_PUSH);
+  push.connect(broker.getInprocPullTransport()).send(publication("t", "g", "", 0));
+  called.pass();
+  ScopedThread other([&] {
+    stopping = thisThread();
+    broker.stop();
+  });
+}
+
+TEST_F(BrokerLife, StopFromAnObserverDoesNotWaitForAnotherThreadThatStops) {
+  std::error_code code;
+  whileAnotherThreadStops(broker, [&] {
     try {
       broker.stop();
     } catch (const std::system_error& error) {
       code = error.code();
     }
   });
-  broker.attach(stopper);
-  broker.start();
-  in.send(publication("t", "g", "", 0));
-  called.pass();
-  ScopedThread other([&] {
-    stopping = thisThread();
-    broker.stop();
-  });
-  other.join();
   EXPECT_EQ(code, std::errc::resource_deadlock_would_occur);
-  stopper.reset();
   broker.start();
   expectServes();
+  expectServes();
+}
+
+TEST_F(BrokerLife, StartFromAnObserverDoesNotWaitForAnotherThreadThatStops) {
+  bool called = false;
+  whileAnotherThreadStops(broker, [&] {
+    broker.start();
+    called = true;
+  });
+  EXPECT_TRUE(called);
+  in.send(publication("t", "g", "", 0));
+  EXPECT_THAT(observer->journal.lines(), SizeIs(1));  // stopped it is
+  broker.start();
   expectServes();
 }
 
@@ -711,6 +730,36 @@ TEST_F(BrokerLife, SignalsToItsThreadDoNotDisturbIt) {
   }
   EXPECT_TRUE(observer->journal.waitFor(11));
   broker.stop();
+}
+
+// A signal in the middle of a call of ZeroMQ makes it fail, even one that does not wait.
+TEST_F(BrokerLife, SignalsWhileItServesDoNotDisturbItEither) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) {};
+  ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
+  pthread_t thread{};
+  Gate called;
+  const auto watch = std::make_shared<OnPublish>([&] {
+    thread = pthread_self();
+    called.open();
+  });
+  broker.attach(watch);
+  broker.start();
+  in.send(publication("t", "g", "", 0));
+  called.pass();
+  broker.detach(watch);
+  RawPeer live(ZMQ_SUB);
+  live.set(ZMQ_RCVHWM, 0).connect(updatesEndpoint).subscribe("");
+  std::atomic<bool> done{false};
+  ScopedThread storm([&] {
+    while (!done) pthread_kill(thread, SIGUSR1);
+  });
+  for (int i = 0; i < 20000; ++i) {
+    in.send(publication("t", "g", std::to_string(i), kCached));
+  }
+  const bool served = observer->journal.waitFor(20001);
+  done = true;
+  EXPECT_TRUE(served);
 }
 
 // --- Endpoints that come free
