@@ -27,6 +27,7 @@ std::string thisProgram() {
 void prepare(pid_t supervisor) {
   std::signal(SIGINT, SIG_IGN);
   std::signal(SIGHUP, SIG_IGN);
+  std::signal(SIGPIPE, SIG_DFL);
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);

@@ -164,6 +164,7 @@ class Demo {
 
 int runDemo(const Options& options, StopSignals& stop) {
   std::signal(SIGCHLD, SIG_DFL);  // ignored, it would hide how a child ended
+  std::signal(SIGPIPE, SIG_IGN);  // the viewer dies of it, and then the others end in order
   return Demo(options.ports, stop).run(options.duration);
 }
 

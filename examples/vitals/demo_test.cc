@@ -16,6 +16,7 @@
 #include <stdexcept>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -53,10 +54,11 @@ class RunningDemo {
   ~RunningDemo() {
     kill(-pid_, SIGKILL);
     if (!waited_) waitpid(pid_, nullptr, 0);
-    close(output_);
+    if (output_ >= 0) close(output_);
   }
 
   pid_t pid() const { return pid_; }
+  void closeOutput() { close(std::exchange(output_, -1)); }
   const std::string& text() const { return text_; }
 
   /// Reads on until the output has the text; false if it ends before.
@@ -191,6 +193,14 @@ TEST(Demo, FailsWhenTheHubIsKilled) {
   kill(hub, SIGKILL);
   EXPECT_EQ(demo.wait(), 1) << demo.text();
   EXPECT_THAT(demo.text(), HasSubstr("the hub was ended: Killed"));
+  EXPECT_TRUE(demo.allGone());
+}
+
+TEST(Demo, EndsWhenNobodyReadsItsOutput) {
+  RunningDemo demo({"--watch"});
+  ASSERT_GT(demo.pidOf("hub"), 0) << demo.text();
+  demo.closeOutput();
+  EXPECT_EQ(demo.wait(), 1);
   EXPECT_TRUE(demo.allGone());
 }
 
