@@ -4,9 +4,9 @@ root=$(cd "$(dirname "${BASH_SOURCE[0]}")/.." && pwd)
 logs=$root/build/logs
 
 # Debian packages: to build everything, and to check it as well.
-build_packages=(ca-certificates cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
+build_packages=(cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
   ninja-build pkg-config)
-check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev libclang-rt-14-dev)
+check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev)
 analysis_packages=("${check_packages[@]}" clang-tidy clang-tools-14 cppcheck)
 
 say() { printf '%s\n' "$*"; }

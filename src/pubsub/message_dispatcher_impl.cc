@@ -151,7 +151,7 @@ void MessageDispatcherImpl::dispatch(SubscriptionTable& table,
   table.visitMatches(value->key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
     if (value->replayed() && subscription->delivered()) return true;
     subscription->setDelivered();
-    deliveries_.push_back([subscription, value] { deliver(*subscription, *value); });
+    deliveries_.emplace_back([subscription, value] { deliver(*subscription, *value); });
     return subscription->mode() != SubscriptionMode::Once;
   });
   deliveryQueue_->pushAll(deliveries_);

@@ -8,10 +8,10 @@
 namespace tessel {
 namespace {
 
-template <typename T>
-const T& notNull(const T& pointer, const char* text) {
+template <typename Pointer>
+Pointer&& notNull(Pointer&& pointer, const char* text) {
   if (pointer == nullptr) throw std::invalid_argument(text);
-  return pointer;
+  return std::forward<Pointer>(pointer);
 }
 
 const char* const kNullService = "Service must not be null!";
@@ -21,7 +21,8 @@ const char* const kNullService = "Service must not be null!";
 RpcBroker::RpcBroker(bool master, const std::vector<std::string>& transports,
                      std::shared_ptr<RpcDispatcher> dispatcher)
     : impl_(std::make_unique<RpcBrokerImpl>(
-          master, transports, notNull(dispatcher, "RPC dispatcher must not be null!"))) {}
+          master, transports, notNull(std::move(dispatcher), "RPC dispatcher must not be null!"))) {
+}
 
 RpcBroker::~RpcBroker() = default;
 
