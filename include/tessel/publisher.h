@@ -35,7 +35,8 @@ class TESSEL_EXPORT Publisher {
   /// Sends to a broker of this process. The broker may go first.
   Publisher(const MessageBroker& broker, const std::string& topic, const std::string& tag);
   /// Withdraws the value if enableUnpublishOnDestruction() or enableClearCacheOnDestruction() is
-  /// on. An error while doing so ends the process.
+  /// on; waits as unpublish() does, but not for a broker of this process that has gone. An error
+  /// while doing so ends the process.
   virtual ~Publisher();
   Publisher(const Publisher&) = delete;
   Publisher& operator=(const Publisher&) = delete;

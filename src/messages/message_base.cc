@@ -15,9 +15,10 @@ void sendFurther(ZmqSocket& socket, ZmqFrame& frame, int flags) {
 
 }  // namespace
 
-MessageBase::MessageBase(std::int32_t type) : header_(type) {}
+MessageBase::MessageBase(std::int32_t type) : expectedType_(type), header_(type) {}
 
-MessageBase::MessageBase(std::int32_t type, MessageHeader&& header) : header_(std::move(header)) {
+MessageBase::MessageBase(std::int32_t type, MessageHeader&& header)
+    : expectedType_(type), header_(std::move(header)) {
   if (header_.type != type) throw std::logic_error("invalid header for message type");
 }
 
@@ -36,9 +37,8 @@ void MessageBase::removeEnvelopeFront() {
 }
 
 bool MessageBase::receive(ZmqSocket& socket) {
-  const std::int32_t expected = header_.type;
   if (!header_.received && readMessageHeader(socket, header_) != HeaderRead::kRead) return false;
-  if (header_.type != expected) return false;
+  if (header_.type != expectedType_) return false;
   return receiveBody(socket);
 }
 

@@ -52,6 +52,7 @@ class MessageBase {
   enum class WhenFull { kWait, kGiveUpIfAbandoned };
   bool sendWhole(ZmqSocket& socket, WhenFull whenFull);
 
+  const std::int32_t expectedType_;  // of the class; the header may come to hold another
   MessageHeader header_;
 };
 

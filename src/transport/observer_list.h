@@ -42,6 +42,7 @@ class ObserverList {
   std::vector<std::shared_ptr<Observer>> snapshot() TESSEL_EXCLUDES(mutex_) {
     std::vector<std::shared_ptr<Observer>> alive;
     const Lock lock(mutex_);
+    removeExpired();
     alive.reserve(observers_.size());
     for (const std::weak_ptr<Observer>& entry : observers_) {
       if (std::shared_ptr<Observer> observer = entry.lock()) alive.push_back(std::move(observer));

@@ -241,8 +241,10 @@ void ZmqSocket::releaseOrphans(const std::string& endpoint) {
 
 void ZmqSocket::unbindAll() {
   for (const std::string& endpoint : boundEndpoints_) {
-    // Failing is harmless: the close that follows releases the endpoint, only later.
-    const auto unbindNow = [&] { zmq_unbind(handle_, endpoint.c_str()); };
+    // Nothing that can be done about a failure: the close that follows releases the endpoint later.
+    const auto unbindNow = [&] {
+      uninterrupted([&] { return zmq_unbind(handle_, endpoint.c_str()); });
+    };
     if (InprocEndpoints::isInproc(endpoint)) {
       InprocEndpoints::instance().unbind(endpoint, unbindNow);
     } else {
