@@ -11,7 +11,6 @@
 #include "messages/message_reply.h"
 #include "rpc/rpc_request_impl.h"
 #include "rpc/service_call.h"
-#include "transport/thread_socket_cache.h"
 
 namespace tessel {
 namespace {
@@ -83,6 +82,12 @@ bool RpcBrokerImpl::isRetired(const std::string& endpoint) {
   if (endpoint.compare(0, kRouterEndpoint.size(), kRouterEndpoint) != 0) return false;
   const std::uint64_t id = std::strtoull(endpoint.c_str() + kRouterEndpoint.size(), nullptr, 10);
   return id < nextBroker && !InprocEndpoints::instance().isBound(endpoint);
+}
+
+void RpcBrokerImpl::closeRetired(ThreadSocketCache& sockets, const std::string& endpoint) {
+  if (!sockets.holds(endpoint)) return;
+  ZmqSocket::releaseOrphans(endpoint);
+  sockets.close(endpoint);
 }
 
 void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {

@@ -17,6 +17,7 @@
 #include "tessel/service.h"
 #include "transport/mutex.h"
 #include "transport/poll_set.h"
+#include "transport/thread_socket_cache.h"
 #include "transport/zmq_event.h"
 #include "transport/zmq_socket.h"
 
@@ -67,6 +68,8 @@ class RpcBrokerImpl {
   const std::string& clientEndpoint() const { return routerEndpoint_; }
   /// Whether this is the numbered endpoint of a master that has gone: nobody will bind it again.
   static bool isRetired(const std::string& endpoint);
+  /// Closes the calling thread's socket for such an endpoint, if it has one, to its end.
+  static void closeRetired(ThreadSocketCache& sockets, const std::string& endpoint);
   /// Null when the service is not registered here, or the broker does not run.
   std::shared_ptr<Service> findLocalService(const std::string& service, const std::string& instance)
       TESSEL_EXCLUDES(registryMutex_);

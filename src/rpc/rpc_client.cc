@@ -58,10 +58,14 @@ class RpcClientImpl {
   }
 
   // A request socket that has lost its reply cannot send again. If it waits for a broker of this
-  // process that has gone, it would also keep its place in the context after it was closed.
+  // process that has gone, it would also keep its place in the context after it was closed, now or
+  // at the end of the thread.
   void renew(ZmqSocket& socket) const {
-    if (RpcBrokerImpl::isRetired(endpoint_)) ZmqSocket::releaseOrphans(endpoint_);
-    socket.reconnect();
+    if (RpcBrokerImpl::isRetired(endpoint_)) {
+      RpcBrokerImpl::closeRetired(ThreadSockets::ofThisThread().clients, endpoint_);
+    } else {
+      socket.reconnect();
+    }
   }
 
   static void finish(MessageReply& reply, std::unique_ptr<std::uint8_t[]>& out,

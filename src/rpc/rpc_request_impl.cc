@@ -2,6 +2,7 @@
 
 #include <utility>
 
+#include "rpc/rpc_broker_impl.h"
 #include "tessel/rpc_error.h"
 #include "transport/inproc_endpoints.h"
 #include "transport/thread_socket_cache.h"
@@ -41,6 +42,9 @@ void RpcRequestImpl::execute() {
   answer(reply);
   // Looked up again: a service may execute other requests, which may tidy the sockets up.
   if (!brokerHasGone(replyEndpoint_)) reply->send(sockets.socketFor(replyEndpoint_));
+  // The broker may have gone between a look and the connect that followed.
+  if (RpcBrokerImpl::isRetired(replyEndpoint_))
+    RpcBrokerImpl::closeRetired(sockets, replyEndpoint_);
 }
 
 void RpcRequestImpl::answer(std::optional<MessageReply>& reply) const {

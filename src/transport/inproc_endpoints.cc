@@ -37,15 +37,29 @@ bool InprocEndpoints::bind(const std::string& endpoint, const std::function<bool
 }
 
 void InprocEndpoints::unbind(const std::string& endpoint, const std::function<void()>& unbind) {
-  std::shared_ptr<std::atomic<bool>> closed;
+  ClosedFlag told;  // outside the lock: its deleter takes it
   const Lock lock(mutex_);
   unbind();
   bound_.erase(endpoint);
+  told = tellClosed(endpoint);
+}
+
+void InprocEndpoints::releaseOrphans(const std::string& endpoint,
+                                     const std::function<void()>& takeOver) {
+  ClosedFlag told;  // as in unbind()
+  const Lock lock(mutex_);
+  if (bound_.count(endpoint) != 0) return;
+  takeOver();
+  told = tellClosed(endpoint);
+}
+
+InprocEndpoints::ClosedFlag InprocEndpoints::tellClosed(const std::string& endpoint) {
   const auto entry = connected_.find(endpoint);
-  if (entry == connected_.end()) return;
-  closed = entry->second.lock();
+  if (entry == connected_.end()) return nullptr;
+  const std::shared_ptr<std::atomic<bool>> closed = entry->second.lock();
   if (closed != nullptr) closed->store(true, std::memory_order_release);
   connected_.erase(entry);
+  return closed;
 }
 
 bool InprocEndpoints::isBound(const std::string& endpoint) {

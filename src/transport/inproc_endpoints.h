@@ -35,12 +35,17 @@ class InprocEndpoints {
   /// Runs `unbind`, then tells everyone who connected before.
   void unbind(const std::string& endpoint, const std::function<void()>& unbind)
       TESSEL_EXCLUDES(mutex_);
+  /// Runs `takeOver`, which binds and unbinds a socket of its own, then tells everyone who
+  /// connected before; in one step, so that the name never seems bound. Nothing when it is.
+  void releaseOrphans(const std::string& endpoint, const std::function<void()>& takeOver)
+      TESSEL_EXCLUDES(mutex_);
   /// Whether a socket of this process is bound to the name right now.
   bool isBound(const std::string& endpoint) TESSEL_EXCLUDES(mutex_);
 
  private:
   InprocEndpoints() = default;
   void forget(const std::string& endpoint) TESSEL_EXCLUDES(mutex_);
+  ClosedFlag tellClosed(const std::string& endpoint) TESSEL_REQUIRES(mutex_);
 
   Mutex mutex_;
   // Weak, so that a name costs nothing once no socket is connected to it.

@@ -24,6 +24,9 @@ class ThreadSocketCache {
   /// so that later calls return it without trying again; nothing is kept when the socket itself
   /// could not be made.
   ZmqSocket& socketFor(const std::string& endpoint);
+  bool holds(const std::string& endpoint) const { return sockets_.count(endpoint) != 0; }
+  /// Closes the thread's socket for `endpoint`, if there is one.
+  void close(const std::string& endpoint) { sockets_.erase(endpoint); }
   std::size_t size() const { return sockets_.size(); }
 
  private:

@@ -235,8 +235,12 @@ void ZmqSocket::reconnect() {
 }
 
 void ZmqSocket::releaseOrphans(const std::string& endpoint) {
-  ZmqSocket taker(ZMQ_ROUTER);
-  taker.tryBind(endpoint);  // takes them over; closing it ends them
+  ZmqSocket taker(ZMQ_ROUTER);  // closing it ends those it has taken over
+  InprocEndpoints::instance().releaseOrphans(endpoint, [&] {
+    if (zmq_bind(taker.handle_, endpoint.c_str()) == 0) {
+      zmq_unbind(taker.handle_, endpoint.c_str());
+    }
+  });
 }
 
 void ZmqSocket::unbindAll() {
