@@ -107,6 +107,34 @@ inline std::shared_ptr<RpcBroker> makeSlave(const std::string& master, std::size
                                      std::make_shared<ThreadedRpcDispatcher>(workers));
 }
 
+/// Looks at the end of its life whether sockets were left behind. `slack` is for what ZeroMQ opens
+/// for itself.
+class NoSocketsLeft {
+ public:
+  explicit NoSocketsLeft(int slack = 8) : slack_(slack) {
+    makeMaster({})->start();  // the context and its threads are there from now on
+    int last = 0;
+    int steady = 0;
+    eventually([&] {
+      const int now = openDescriptors();
+      steady = now == last ? steady + 1 : 0;
+      last = now;
+      return steady > 50;
+    });
+    before_ = last;
+  }
+  ~NoSocketsLeft() {
+    EXPECT_TRUE(eventually([&] { return openDescriptors() <= before_ + slack_; }))
+        << openDescriptors() << " descriptors, " << before_ << " before";
+  }
+  NoSocketsLeft(const NoSocketsLeft&) = delete;
+  NoSocketsLeft& operator=(const NoSocketsLeft&) = delete;
+
+ private:
+  const int slack_;
+  int before_ = 0;
+};
+
 /// Runs nothing by itself: counts its starts and stops and keeps the requests for the test.
 class KeepingDispatcher : public RpcDispatcher {
  public:
