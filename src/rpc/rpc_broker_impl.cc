@@ -154,6 +154,7 @@ void RpcBrokerImpl::start() {
     thread_ = std::thread([this, announced = openRegistry()] { run(announced); });
   } catch (...) {
     closeRegistry();
+    dropQueuedRegistrations();
     dispatcher_->stop();
     throw;
   }
@@ -207,6 +208,14 @@ void RpcBrokerImpl::leave() {
     withdrawn.swap(withdrawn_);
   }
   announce(withdrawn, Announce::kWithdraw);
+}
+
+// What was registered during a start that failed, and has not been announced: the next start lists
+// what is there by then.
+void RpcBrokerImpl::dropQueuedRegistrations() {
+  ZmqFrame dropped;
+  while (internalSocket_.receive(dropped, ZMQ_DONTWAIT)) {
+  }
 }
 
 void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {

@@ -86,6 +86,7 @@ class RpcBrokerImpl {
 
   void run(const ServiceKeys& announced);
   void leave() TESSEL_EXCLUDES(registryMutex_);
+  void dropQueuedRegistrations();
   bool serveMain();
   bool serveInternal();
   void serveRequest(MessageHeader&& header) TESSEL_EXCLUDES(registryMutex_);
