@@ -21,6 +21,8 @@ const std::string& kRouterEndpoint = *new std::string("inproc://rpc_reply_in_");
 
 constexpr int kNoHighWaterMark = 0;
 
+constexpr std::size_t kMainItem = 1;  // in the poll set
+
 const std::vector<std::uint8_t> kNoIdentity;
 
 const std::string& onlyTransport(const std::vector<std::string>& transports) {
@@ -67,7 +69,7 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
     mainSocket_.bind(routerEndpoint_);
     return;
   }
-  mainSocket_.setOption(ZMQ_SNDHWM, kNoHighWaterMark);  // announcements wait for the master
+  mainSocket_.liftSendLimit();  // announcements wait for the master
   mainSocket_.connect(routerEndpoint_);
   internalSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);  // registering never waits
   internalSocket_.bind(internalEndpoint_);
@@ -226,7 +228,11 @@ void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {
 
 bool RpcBrokerImpl::serveOnce() {
   if (stopRequested_) return false;
-  if (idle_) poll_.wait();  // only when nothing waits: a poll costs several system calls
+  if (idle_) {  // only when nothing waits: a poll costs several system calls
+    // A slave's is made anew by sending, when its master was of this process and has gone.
+    poll_.replace(kMainItem, mainSocket_.handle());
+    poll_.wait();
+  }
   if (stopRequested_) return false;
   const bool main = serveMain();
   const bool internal = !master_ && serveInternal();

@@ -14,6 +14,8 @@ class PollSet {
  public:
   PollSet(std::initializer_list<void*> handles);
 
+  /// For a socket that was made anew.
+  void replace(std::size_t index, void* handle) { items_[index].socket = handle; }
   /// Waits without a time-out until one is readable; a signal handler does not end the wait.
   /// Throws std::runtime_error with ZeroMQ's text when the poll fails.
   void wait();
