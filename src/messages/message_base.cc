@@ -8,9 +8,10 @@
 namespace tessel {
 namespace {
 
-// Only the first frame of a message can find the queue full; that one goes by sendFirst().
+// Only the first frame of a message can find the queue full; that one goes by sendFirst(). If the
+// in-process peer goes between two frames, ZeroMQ drops the message and says so once at most.
 void sendFurther(ZmqSocket& socket, ZmqFrame& frame, int flags) {
-  if (!socket.send(frame, flags)) throwZmqError();
+  if (!socket.send(frame, flags) && !socket.peerGone()) throwZmqError();
 }
 
 }  // namespace
