@@ -44,6 +44,16 @@ TEST(RpcBrokerLife, StopsFromManyThreadsStopOnce) {
   }
 }
 
+// A wake-up that a stop leaves behind would fill up what holds them: about two thousand.
+TEST(RpcBrokerLife, StartsAndStopsThousandsOfTimes) {
+  const Watchdog watchdog("starting and stopping thousands of times");
+  RpcBroker broker(true, {}, std::make_shared<KeepingDispatcher>());
+  for (int round = 0; round < 2500; ++round) {
+    broker.start();
+    broker.stop();
+  }
+}
+
 class CountingObserver : public QuietObserver {
  public:
   void onServiceRegistered(const std::string&, const std::string&, bool local,

@@ -234,6 +234,42 @@ TEST(RpcBrokerRaces, ThousandsOfServicesAreAnnouncedWithTheMasterAway) {
   EXPECT_TRUE(eventually([&] { return outcome(client, "s", name(999)) == notFound("s", "999"); }));
 }
 
+TEST(RpcBrokerRaces, ASlaveOfThousandsOfServicesStopsWithTheMasterAway) {
+  const Watchdog watchdog("stopping with the master away");
+  for (const std::string& endpoint : {freeTcp(), uniqueInproc()}) {
+    const auto slave = makeSlave(endpoint);
+    for (int i = 0; i < 2500; ++i) slave->registerService(makeEcho("s", std::to_string(i)));
+    slave->start();
+    slave->stop();
+  }
+}
+
+TEST(RpcBrokerRaces, ASlaveOutlivesItsMasterInTheProcessAndServesTheNextOne) {
+  const Watchdog watchdog("a slave whose master in the process is made anew");
+  const std::string endpoint = uniqueInproc();
+  const auto slave = makeSlave(endpoint);
+  slave->registerService(makeEcho("s", "old"));
+  for (int round = 0; round < 10; ++round) {
+    const auto name = [round](int i) { return std::to_string(round) + "." + std::to_string(i); };
+    slave->start();
+    if (round % 2 == 1) slave->registerService(makeEcho("s", name(-1)));
+    // More than a queue holds by default.
+    for (int i = 0; i < 1500; ++i) slave->registerService(makeEcho("s", name(i)));
+    const auto master = makeMaster({endpoint});
+    master->start();
+    RpcClient client(endpoint, kLong);
+    const std::string last = name(1499);
+    ASSERT_TRUE(
+        eventually([&] { return outcome(client, "s", last) == echoOf("s", last, "m", ""); }));
+    EXPECT_EQ(outcome(client, "s", name(7)), echoOf("s", name(7), "m", ""));
+    // What was said to the last master is not said again, unless the slave starts.
+    EXPECT_EQ(outcome(client, "s", "old"),
+              round % 2 == 0 ? echoOf("s", "old", "m", "") : notFound("s", "old"));
+    for (int i = 0; i < 1500; ++i) slave->unregisterService(makeEcho("s", name(i)));
+    if (round % 2 == 1) slave->stop();
+  }
+}
+
 // Holds the broker's thread in submit().
 class StuckDispatcher : public RpcDispatcher {
  public:
@@ -343,8 +379,10 @@ TEST(RpcBrokerRaces, WhatWasQueuedAtAStopIsNotReplayedAfterTheNextStart) {
   asked.insert(asked.begin(), {raw.next().identity, "client"});
   raw.router.send(asked);
   dispatcher->inside.pass();
-  const auto late = makeEcho("b", "late");
-  slave.registerService(late);  // waits for the broker's thread, which sees the stop next
+  // They wait for the broker's thread, which sees the stop next, or after the first of them.
+  const std::shared_ptr<Service> late[] = {makeEcho("b", "1"), makeEcho("b", "2"),
+                                           makeEcho("b", "3")};
+  for (const auto& service : late) slave.registerService(service);
   std::atomic<int> stopper{0};
   std::thread stopping([&] {
     stopper = thisThread();
@@ -352,7 +390,8 @@ TEST(RpcBrokerRaces, WhatWasQueuedAtAStopIsNotReplayedAfterTheNextStart) {
   });
   eventually([&] { return stopper != 0; });
   waitUntilAsleep(stopper);
-  slave.unregisterService(late);  // the broker is being stopped: nothing is announced any more
+  // The broker is being stopped: nothing is announced any more.
+  for (const auto& service : late) slave.unregisterService(service);
   dispatcher->gate.open();
   stopping.join();
   slave.start();
