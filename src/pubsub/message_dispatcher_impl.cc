@@ -10,6 +10,9 @@
 namespace tessel {
 namespace {
 
+// Whose callbacks the thread runs; set once and for all, since a worker serves one dispatcher only.
+thread_local const MessageDispatcherImpl* served = nullptr;
+
 // On a worker thread.
 void deliver(const SubscriptionBase& subscription, const ReceivedNotification& value) {
   if (value.withdrawn()) {
@@ -53,7 +56,13 @@ void MessageDispatcherImpl::unregisterSubscription(std::shared_ptr<SubscriptionB
   wake();
 }
 
+bool MessageDispatcherImpl::isOnOwnThread() const {
+  return threadId_ == std::this_thread::get_id() || served == this;
+}
+
 void MessageDispatcherImpl::start() {
+  // It runs, then, and who holds the lock may be waiting for this thread to end.
+  if (isOnOwnThread()) return;
   const Lock lock(threadMutex_);
   if (thread_.joinable()) return;
   stopRequested_ = false;
@@ -151,7 +160,10 @@ void MessageDispatcherImpl::dispatch(SubscriptionTable& table,
   table.visitMatches(value->key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
     if (value->replayed() && subscription->delivered()) return true;
     subscription->setDelivered();
-    deliveries_.emplace_back([subscription, value] { deliver(*subscription, *value); });
+    deliveries_.emplace_back([this, subscription, value] {
+      served = this;
+      deliver(*subscription, *value);
+    });
     return subscription->mode() != SubscriptionMode::Once;
   });
   deliveryQueue_->pushAll(deliveries_);

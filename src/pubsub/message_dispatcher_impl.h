@@ -39,6 +39,7 @@ class MessageDispatcherImpl {
  private:
   using Subscriptions = std::vector<std::shared_ptr<SubscriptionBase>>;
 
+  bool isOnOwnThread() const;
   void run();
   bool serveOnce();
   void applyRegistrations() TESSEL_EXCLUDES(registrationMutex_);

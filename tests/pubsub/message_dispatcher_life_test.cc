@@ -378,6 +378,72 @@ TEST_F(DispatcherLife, DropsTheCallsThatAreQueuedWhenItStops) {
   EXPECT_LT(calls, kMany);
 }
 
+// Calls what the test gives it for each value.
+class CallingSubscriber : public Subscriber {
+ public:
+  explicit CallingSubscriber(std::function<void()> toCall)
+      : Subscriber(SubscriptionMode::AllValues, "t", ""), call_(std::move(toCall)) {}
+
+ protected:
+  void onValue(const void* /*data*/, std::size_t /*size*/) override { call_(); }
+  void onDeletion() override { call_(); }
+
+ private:
+  const std::function<void()> call_;
+};
+
+TEST_F(DispatcherLife, StartFromACallbackDoesNothing) {
+  Journal journal;
+  const auto starter = std::make_shared<CallingSubscriber>([&] {
+    dispatcher.start();
+    journal.add("started");
+  });
+  start();
+  subscribe(broker.cache, starter, "t:default");
+  const int threads = threadCount();
+  broker.cache.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(journal.waitFor(1));
+  EXPECT_EQ(threadCount(), threads);
+  expectNothingMoreOnTheWire();
+}
+
+TEST_F(DispatcherLife, StartFromACallbackDoesNotWaitForAnotherThreadThatStops) {
+  std::atomic<int> stopper{0};
+  Journal journal;
+  const auto starter = std::make_shared<CallingSubscriber>([&] {
+    journal.add("called");
+    EXPECT_TRUE(eventually([&] { return stopper != 0; }));
+    waitUntilAsleep(stopper);
+    dispatcher.start();
+    journal.add("started");
+  });
+  start();
+  subscribe(broker.cache, starter, "t:default");
+  broker.cache.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(journal.waitFor(1));
+  withoutHanging("stopping while a callback starts", [&] {
+    stopper = thisThread();
+    dispatcher.stop();
+  });
+  EXPECT_EQ(journal.size(), 2U);
+  expectUnsubscribed(0, 1);  // stopped it is
+  dispatcher.start();
+  EXPECT_EQ(sortedFrames(broker.cache, 2),
+            (Frames{subscribed("t:default").front(), subscribed(kMarker).front()}));
+}
+
+// A worker of one is any other thread to another.
+TEST_F(DispatcherLife, StartFromACallbackOfAnotherDispatcherIsAStart) {
+  MessageDispatcher other(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  const auto fresh = recorder(SubscriptionMode::NewValues, "other", "");
+  other.registerSubscriber(fresh);
+  const auto starter = std::make_shared<CallingSubscriber>([&] { other.start(); });
+  start();
+  subscribe(broker.cache, starter, "t:default");
+  broker.cache.send(valueMessage("t:default", "1"));
+  EXPECT_EQ(broker.updates.receive(), subscribed("other:default"));
+}
+
 TEST_F(DispatcherLife, StartsAndStopsFromManyThreads) {
   std::vector<std::thread> threads;
   for (int t = 0; t < 4; ++t) {
@@ -545,6 +611,30 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThreadWhileAnotherStopsIt) {
   EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
 }
 
+TEST_F(DispatcherLife, StartByItsOwnThreadDoesNotWaitForAnotherThreadThatStops) {
+  std::atomic<int> stopper{0};
+  Journal journal;
+  const std::function<void()> startIt = [&] {
+    journal.add("called");
+    EXPECT_TRUE(eventually([&] { return stopper != 0; }));
+    waitUntilAsleep(stopper);
+    dispatcher.start();
+    journal.add("started");
+  };
+  auto subscriber = callingWhenFreed(startIt);
+  start();
+  subscribe(broker.cache, subscriber, "freed:default");
+  settle();
+  subscriber.reset();
+  dispatcher.registerSubscriber(recorder(SubscriptionMode::AllValues, "another", ""));
+  ASSERT_TRUE(journal.waitFor(1));
+  withoutHanging("stopping while the dispatcher's thread starts", [&] {
+    stopper = thisThread();
+    dispatcher.stop();
+  });
+  EXPECT_EQ(journal.size(), 2U);
+}
+
 // ---- threads that cannot be had, signals ----
 
 // While it lives only `threads` more threads can be started, because their stacks are large and
@@ -649,22 +739,10 @@ class DispatcherDeathTest : public ::testing::Test {
   // In the process that is to die: delivers a value, or a deletion, to a subscriber.
   template <typename Call>
   static void deliver(unsigned long long flags, const Call& call) {
-    class Calling : public Subscriber {
-     public:
-      explicit Calling(std::function<void()> toCall)
-          : Subscriber(SubscriptionMode::AllValues, "t", ""), call_(std::move(toCall)) {}
-
-     protected:
-      void onValue(const void* /*data*/, std::size_t /*size*/) override { call_(); }
-      void onDeletion() override { call_(); }
-
-     private:
-      const std::function<void()> call_;
-    };
     RawBroker broker;
     auto dispatcher =
         std::make_unique<MessageDispatcher>(broker.updatesEndpoint, broker.cacheEndpoint, 2);
-    const auto subscriber = std::make_shared<Calling>([&] { call(dispatcher); });
+    const auto subscriber = std::make_shared<CallingSubscriber>([&] { call(dispatcher); });
     dispatcher->start();
     dispatcher->registerSubscriber(subscriber);
     broker.cache.receive();
