@@ -51,8 +51,12 @@ class TESSEL_EXPORT MessageBroker {
   /// dispatcher hears of it. `clearObservers` detaches all observers after that.
   ///
   /// Throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
-  /// broker's thread; the thread then ends, and a stop() from another thread completes the stop.
-  /// An observer that hears of the clearing must not call start() or stop().
+  /// broker's thread; the flags are then ignored and the thread ends, but the broker counts as
+  /// running until a stop() from another thread, with flags of its own, completes the stop: a
+  /// start() before that does nothing.
+  ///
+  /// An observer that hears of the clearing must not call start() or stop(). If one throws, the
+  /// others are told all the same and both are cleared; the first exception then leaves stop().
   void stop(bool clearCache = false, bool clearObservers = false);
 
   /// The endpoint at which publishers of this process reach this broker: "inproc://publish_service"
@@ -75,7 +79,11 @@ class TESSEL_EXPORT MessageBroker {
 ///
 /// Called on the broker's thread, one observer after another in order of attachment, with the
 /// broker's observer list locked: attach() and detach() of the same broker would wait for ever. An
-/// exception that leaves an observer ends the process. Slow observers slow the broker down.
+/// exception that leaves an observer ends the process, unless it hears of a clearing by stop().
+///
+/// Slow observers slow the broker down. One that publishes to the same broker puts what it
+/// publishes into the queue that only the broker's thread empties, which is the thread that it is
+/// on: once the queue is full (2000 values) it waits for ever, and so does everybody else.
 class TESSEL_EXPORT MessageBrokerObserver {
  public:
   virtual ~MessageBrokerObserver();

@@ -3,6 +3,7 @@
 #include <zmq.h>
 
 #include <cstdint>
+#include <exception>
 #include <system_error>
 #include <utility>
 
@@ -70,8 +71,10 @@ void MessageBrokerImpl::stop(bool clearCache, bool clearObservers) {
   stopSignal_.signal();
   thread_.join();
   stopSignal_.consume();  // here, since the loop may have ended by the flag without it
-  if (clearCache) forgetCachedValues();
+  std::exception_ptr thrown;
+  if (clearCache) thrown = forgetCachedValues();
   if (clearObservers) observers_.clear();
+  if (thrown != nullptr) std::rethrow_exception(thrown);
 }
 
 void MessageBrokerImpl::attach(const std::shared_ptr<MessageBrokerObserver>& observer) {
@@ -188,14 +191,22 @@ void MessageBrokerImpl::greetSubscriber(const std::string& subscription) {
   ValueNotification(subscription, ZmqFrame(*value), kReplayed).send(xpubSocket_);
 }
 
-void MessageBrokerImpl::forgetCachedValues() {
-  cache_.forEachKey([this](const std::string& key) {
+// One that throws keeps neither the others from hearing of every key nor the broker from forgetting
+// it: a stop() after this one would do nothing, so there is no second chance.
+std::exception_ptr MessageBrokerImpl::forgetCachedValues() {
+  std::exception_ptr thrown;
+  cache_.forEachKey([&](const std::string& key) {
     const TopicAndTag parts = splitKey(key);
     observers_.notify([&](MessageBrokerObserver& observer) {
-      observer.onUnpublish(parts.topic, parts.tag, true, true, false);
+      try {
+        observer.onUnpublish(parts.topic, parts.tag, true, true, false);
+      } catch (...) {
+        if (thrown == nullptr) thrown = std::current_exception();
+      }
     });
   });
   cache_.clear();
+  return thrown;
 }
 
 }  // namespace tessel

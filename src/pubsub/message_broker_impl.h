@@ -2,6 +2,7 @@
 #define TESSEL_SRC_PUBSUB_MESSAGE_BROKER_IMPL_H
 
 #include <atomic>
+#include <exception>
 #include <memory>
 #include <string>
 #include <thread>
@@ -48,7 +49,8 @@ class MessageBrokerImpl {
   bool serveSubscription();
   void greetSubscriber(const std::string& subscription);
   void broadcast(ValueNotification&& notification);
-  void forgetCachedValues();
+  /// Tells the observers of each; what the first of them throws is returned, if any does.
+  std::exception_ptr forgetCachedValues();
 
   const std::string inprocEndpoint_;
 

@@ -434,6 +434,53 @@ TEST_F(BrokerLife, ClearingBothTellsTheObserversBeforeTheyGo) {
   EXPECT_THAT(observer->journal.lines(), SizeIs(2));
 }
 
+// Throws whenever it is told that a value is gone.
+class ThrowingObserver : public RecordingBrokerObserver {
+ public:
+  void onUnpublish(const std::string& topic, const std::string& tag, bool remove, bool updated,
+                   bool suppressed) override {
+    RecordingBrokerObserver::onUnpublish(topic, tag, remove, updated, suppressed);
+    throw std::runtime_error("thrown for " + journal.lines().back());
+  }
+};
+
+TEST_F(BrokerLife, AnObserverThatThrowsKeepsNothingFromBeingCleared) {
+  const auto throwing = std::make_shared<ThrowingObserver>();
+  const auto last = std::make_shared<RecordingBrokerObserver>();
+  broker.attach(throwing);
+  broker.attach(last);
+  broker.start();
+  in.send(publication("t", "g", "1", kCached));
+  in.send(publication("t", "h", "2", kCached));
+  EXPECT_TRUE(last->journal.waitFor(2));
+  std::string thrown;
+  try {
+    broker.stop(true, true);
+  } catch (const std::runtime_error& error) {
+    thrown = error.what();
+  }
+  const auto told = UnorderedElementsAre("publish t g 1 1 0", "publish t h 1 1 0",
+                                         "unpublish t g 1 1 0", "unpublish t h 1 1 0");
+  EXPECT_THAT(observer->journal.lines(), told);
+  EXPECT_THAT(throwing->journal.lines(), told);
+  EXPECT_THAT(last->journal.lines(), told);
+  EXPECT_EQ(thrown, "thrown for " + throwing->journal.lines().at(2));  // the first
+
+  // Stopped, without values and without observers.
+  observer->journal.clear();
+  broker.stop(true, true);
+  EXPECT_THAT(observer->journal.lines(), IsEmpty());
+  broker.attach(observer);
+  broker.start();
+  cached.subscribe("t:g").subscribe("t:h");
+  EXPECT_EQ(heard(2), (Lines{"subscribe t g", "subscribe t h"}));
+  in.send(publication("t", "g", "1", kCached));
+  EXPECT_EQ(cached.receive(), notification("t:g", "1", 0));
+  broker.stop(true);
+  EXPECT_THAT(throwing->journal.lines(), SizeIs(4));
+  EXPECT_THAT(last->journal.lines(), SizeIs(4));
+}
+
 TEST(BrokerThatEnds, SaysNothingOfItsCache) {
   const auto observer = std::make_shared<RecordingBrokerObserver>();
   {
