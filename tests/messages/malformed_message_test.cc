@@ -307,6 +307,26 @@ TEST(MessageOfAnotherType, IsRefusedAndItsBodyLeftUnread) {
   }
 }
 
+TEST(MessageOfAnotherType, StaysRefusedByTheObjectThatRefusedIt) {
+  for (const auto& expected : allKinds()) {
+    for (const auto& sent : allKinds()) {
+      if (expected == sent) continue;
+      SCOPED_TRACE(expected->name() + " expected, " + sent->name() + " sent");
+      Link link(ZMQ_PULL);
+      link.send(Frames{""} + sent->message());
+      link.send(Frames{""} + expected->message());
+      const auto message = expected->forReceiving();
+      EXPECT_FALSE(message->receive(link.receiver()));
+      EXPECT_FALSE(message->receive(link.receiver()));
+      EXPECT_EQ(link.rest(), sent->body());
+      EXPECT_FALSE(message->receive(link.receiver()));
+      Frames contents;
+      ASSERT_TRUE(serveWhole(*expected, link.receiver(), contents));
+      EXPECT_EQ(contents, expected->body());
+    }
+  }
+}
+
 TEST(MessageOfAnotherType, AlsoOnARequestSocketIsRefusedAndItsBodyLeftUnread) {
   for (const auto& sent : allKinds()) {
     if (sent->type() == 1) continue;

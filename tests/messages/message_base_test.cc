@@ -135,6 +135,24 @@ TEST(MessageBase, AnEmptyEnvelopeFrameOfTheReceiverGivesNoSender) {
   EXPECT_TRUE(message.senderIdentity().empty());
 }
 
+TEST(MessageBase, IsSentOnceForItsFramesAreThenGone) {
+  for (const auto& kind : allKinds()) {
+    SCOPED_TRACE(kind->name());
+    Link link(ZMQ_PULL);
+    link.send(Frames{"route", ""} + kind->message());
+    const auto message = kind->forReceiving();
+    ASSERT_TRUE(message->receive(link.receiver()));
+    const std::string endpoint = uniqueInproc();
+    RawPeer peer(ZMQ_PULL);
+    peer.bind(endpoint);
+    ZmqSocket sender(ZMQ_PUSH, endpoint);
+    message->send(sender);
+    EXPECT_EQ(peer.receive(), (Frames{"route", ""} + kind->message()));
+    message->send(sender);
+    EXPECT_EQ(peer.receive(), (Frames{"", "", "RS02", ""} + Frames(kind->body().size())));
+  }
+}
+
 TEST(MessageBase, SendingThrowsTheZmqText) {
   ZmqSocket cannotSend(ZMQ_PULL);
   ZmqSocket router(ZMQ_ROUTER);

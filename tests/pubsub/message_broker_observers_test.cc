@@ -10,6 +10,7 @@
 #include <string>
 
 #include "support/broker_peers.h"
+#include "support/counting_allocator.h"
 #include "support/threads.h"
 
 namespace tessel::test {
@@ -140,32 +141,6 @@ TEST_F(BrokerObservers, AreNotKeptAlive) {
   a.reset();
   EXPECT_TRUE(watch.expired());
   EXPECT_EQ(heardBy(), Lines{"b publish"});
-}
-
-// Counts the blocks that it has out.
-template <typename T>
-struct CountingAllocator {
-  using value_type = T;
-  explicit CountingAllocator(int& count) : blocks(&count) {}
-  template <typename U>
-  CountingAllocator(const CountingAllocator<U>& other) : blocks(other.blocks) {}  // NOLINT
-  T* allocate(std::size_t n) {
-    ++*blocks;
-    return std::allocator<T>().allocate(n);
-  }
-  void deallocate(T* block, std::size_t n) {
-    --*blocks;
-    std::allocator<T>().deallocate(block, n);
-  }
-  int* blocks;
-};
-template <typename T, typename U>
-bool operator==(const CountingAllocator<T>& a, const CountingAllocator<U>& b) {
-  return a.blocks == b.blocks;
-}
-template <typename T, typename U>
-bool operator!=(const CountingAllocator<T>& a, const CountingAllocator<U>& b) {
-  return !(a == b);
 }
 
 // An expired entry shows in the memory that its last weak reference holds.

@@ -10,6 +10,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/counting_allocator.h"
 #include "support/deadline.h"
 
 namespace tessel::test {
@@ -69,13 +70,40 @@ TEST(ObserverList, HoldsWeaklyAndLeavesOutThoseThatAreGone) {
   EXPECT_EQ(called(list), "c");
 }
 
-TEST(ObserverList, DoesNotKeepTheMemoryOfThoseThatAreGone) {
+TEST(ObserverList, KeepsNobodyAliveAfterAPassOrASnapshot) {
   List list;
-  auto observer = std::make_shared<Observer>();
+  const auto observer = std::make_shared<Observer>();
   list.attach(observer);
   EXPECT_EQ(observer.use_count(), 1);
   called(list);
-  EXPECT_EQ(observer.use_count(), 1);  // nor does a pass leave a reference behind
+  EXPECT_EQ(observer.use_count(), 1);
+  list.snapshot();
+  EXPECT_EQ(observer.use_count(), 1);
+}
+
+// An entry is a weak reference, which keeps the memory of the object: whoever walks along the list
+// lets go of it.
+TEST(ObserverList, DoesNotKeepTheMemoryOfThoseThatAreGone) {
+  const std::function<void(List&)> walks[] = {
+      [](List& list) { called(list); },
+      [](List& list) { list.snapshot(); },
+      [](List& list) { list.detach(nullptr); },
+      [](List& list) { list.detach(std::make_shared<Observer>("never attached")); },
+      [](List& list) { list.clear(); },
+  };
+  for (const auto& walk : walks) {
+    List list;
+    int blocks = 0;
+    const CountingAllocator<Observer> counting(blocks);
+    const auto before = std::allocate_shared<Observer>(counting);
+    auto gone = std::allocate_shared<Observer>(counting);
+    const auto behind = std::allocate_shared<Observer>(counting);
+    for (const auto& observer : {before, gone, gone, behind}) list.attach(observer);
+    gone.reset();
+    EXPECT_EQ(blocks, 3);
+    walk(list);
+    EXPECT_EQ(blocks, 2);
+  }
 }
 
 TEST(ObserverList, CallsOneTwiceThatWasAttachedTwice) {

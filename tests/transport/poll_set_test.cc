@@ -10,6 +10,7 @@
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
+#include "support/threads.h"
 #include "support/zmq_errors.h"
 #include "transport/zmq_event.h"
 #include "transport/zmq_socket.h"
@@ -78,16 +79,18 @@ TEST(PollSet, SignalHandlersDoNotEndTheWait) {
   ZmqEvent event;
   std::string thrown;
   bool woken = false;
+  std::atomic<int> waiting{0};
   std::thread loop([&] {
     PollSet poll{event.pollHandle()};
+    waiting = thisThread();
     thrown = zmqErrorOf([&] { poll.wait(); });
     woken = poll.readable(0);
   });
-  // The first may come before the wait; those after it find the thread there.
+  EXPECT_TRUE(eventually([&] { return waiting != 0; }));
   for (int sent = 1; sent <= 20; ++sent) {
+    EXPECT_TRUE(waitUntilAsleep(waiting));
     pthread_kill(loop.native_handle(), SIGUSR1);
     if (!eventually([&] { return signalsHandled.load() == sent; })) break;
-    std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
   event.signal();
   loop.join();

@@ -8,6 +8,8 @@
 #include <cstdlib>
 #include <thread>
 
+#include "support/deadline.h"
+#include "support/threads.h"
 #include "transport/zmq_context.h"
 
 namespace tessel::test {
@@ -85,12 +87,15 @@ TEST(ZmqEvent, ConsumeWaitsForASignal) {
   ZmqEvent event;
   std::atomic<bool> signalled{false};
   bool inOrder = false;
+  std::atomic<int> waiting{0};
   std::thread loop([&] {
+    waiting = thisThread();
     event.consume();
     inOrder = signalled.load();
   });
-  std::this_thread::sleep_for(std::chrono::milliseconds(20));  // gives a consume() that does not
-  signalled = true;                                            // wait the time to be caught
+  EXPECT_TRUE(eventually([&] { return waiting != 0; }));
+  EXPECT_TRUE(waitUntilAsleep(waiting));
+  signalled = true;
   event.signal();
   loop.join();
   EXPECT_TRUE(inOrder);

@@ -79,6 +79,10 @@ int zmq_bind(void* socket, const char* endpoint) {
   if (fails("zmq_bind")) return -1;
   return real("zmq_bind", &zmq_bind)(socket, endpoint);
 }
+int zmq_unbind(void* socket, const char* endpoint) {
+  if (fails("zmq_unbind")) return -1;
+  return real("zmq_unbind", &zmq_unbind)(socket, endpoint);
+}
 int zmq_connect(void* socket, const char* endpoint) {
   if (fails("zmq_connect")) return -1;
   return real("zmq_connect", &zmq_connect)(socket, endpoint);
@@ -460,6 +464,30 @@ TEST(ZmqFailures, AnInterruptedConnectOrBindGoesOn) {
     EXPECT_TRUE(receiver.receive(received, 0));
     EXPECT_EQ(received.toString(), "arrives");
   }
+}
+
+TEST(ZmqFailures, AnInterruptedUnbindGoesOn) {
+  for (const std::string& endpoint : {uniqueInproc(), freeTcp()}) {
+    auto closing = std::make_unique<ZmqSocket>(ZMQ_PULL);
+    closing->bind(endpoint);
+    const Failing failing("zmq_unbind", EINTR, 0, 3);
+    closing.reset();
+    EXPECT_TRUE(failing.used());
+    ZmqSocket next(ZMQ_PULL);
+    EXPECT_EQ(zmqErrorOf([&] { next.bind(endpoint); }), "nothing thrown");
+  }
+}
+
+TEST(ZmqFailures, AnUnbindThatFailsKeepsNothingOpen) {
+  const OpenSockets sockets;
+  const std::string endpoint = uniqueInproc();
+  auto closing = std::make_unique<ZmqSocket>(ZMQ_PULL);
+  closing->bind(endpoint);
+  const Failing failing("zmq_unbind", ENOENT);
+  EXPECT_EQ(zmqErrorOf([&] { closing.reset(); }), "nothing thrown");
+  EXPECT_TRUE(failing.used());
+  EXPECT_FALSE(InprocEndpoints::instance().isBound(endpoint));
+  EXPECT_TRUE(sockets.become(0));
 }
 
 TEST(ZmqFailures, AnInterruptedSendGoesOn) {

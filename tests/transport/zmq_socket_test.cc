@@ -13,6 +13,7 @@
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
 #include "support/socket_budget.h"
+#include "support/threads.h"
 #include "support/zmq_errors.h"
 
 #if defined(__SANITIZE_THREAD__)
@@ -615,18 +616,17 @@ TEST(ZmqSocket, ASenderHeldUpByAFullQueueGoesOnWhenItsPeerIsReplaced) {
     auto binder = std::make_unique<ZmqSocket>(ZMQ_PULL);
     binder->bind(endpoint);
     std::atomic<int> sent{0};
-    std::atomic<bool> held{false};
+    std::atomic<int> held{0};
     std::thread sending([&] {
       ZmqSocket sender(ZMQ_PUSH, endpoint);
       ZmqFrame filler;
       while (sender.send(filler, ZMQ_DONTWAIT)) ++sent;
-      held = true;
+      held = thisThread();
       sendText(sender, "after");
     });
-    ASSERT_TRUE(eventually([&] { return held.load(); }));
+    ASSERT_TRUE(eventually([&] { return held != 0; }));
     EXPECT_GE(sent.load(), 2000);
-    // Most times the sender waits for room by now.
-    std::this_thread::sleep_for(std::chrono::milliseconds(10));
+    waitUntilAsleep(held);  // for room
     binder = std::make_unique<ZmqSocket>(ZMQ_PULL);
     binder->bind(endpoint);
     EXPECT_EQ(receiveText(*binder), "after");
@@ -675,19 +675,19 @@ TEST(ZmqSocket, ASenderThatMayGiveUpWaitsWhileSomebodyIsBound) {
   const std::string endpoint = uniqueInproc();
   ZmqSocket binder(ZMQ_PULL);
   binder.bind(endpoint);
-  std::atomic<bool> held{false};
+  std::atomic<int> held{0};
   int queued = 0;
   bool sent = false;
   std::thread sending([&] {
     ZmqSocket sender(ZMQ_PUSH, endpoint);
     ZmqFrame filler;
     while (sender.send(filler, ZMQ_DONTWAIT)) ++queued;
-    held = true;
+    held = thisThread();
     ZmqFrame frame(std::string("after"));
     sent = sender.sendFirstUnlessAbandoned(frame, 0);
   });
-  ASSERT_TRUE(eventually([&] { return held.load(); }));
-  std::this_thread::sleep_for(std::chrono::milliseconds(50));  // time enough to give up wrongly
+  ASSERT_TRUE(eventually([&] { return held != 0; }));
+  waitUntilAsleep(held);  // for room, not having given up
   for (int i = 0; i < queued; ++i) ASSERT_EQ(receiveText(binder), "");
   EXPECT_EQ(receiveText(binder), "after");
   sending.join();
