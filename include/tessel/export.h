@@ -1,6 +1,9 @@
 #ifndef TESSEL_EXPORT_H
 #define TESSEL_EXPORT_H
 
+/// @file
+/// What makes a name visible outside the library.
+
 /// Marks what the shared library offers; everything else stays hidden in it.
 /// A static build defines TESSEL_STATIC for itself and, through the CMake target, for its users.
 #if defined(TESSEL_STATIC)

@@ -24,51 +24,59 @@ class TESSEL_EXPORT MessageBroker {
   /// Binds every endpoint, and one in-process endpoint besides, so that peers can connect and queue
   /// messages before start(). A list may be empty.
   ///
-  /// `pullTransports` are where publishers connect, `updatesTransports` where dispatchers receive
-  /// live values, `cacheTransports` where they receive the cached value of each key they subscribe
-  /// to and live values from then on.
+  /// If this process has closed a broker within the last second, it waits up to 100 ms for an
+  /// endpoint in use: ZeroMQ gives endpoints back in the background.
   ///
-  /// Throws std::runtime_error with ZeroMQ's text when an endpoint cannot be bound. If this process
-  /// has closed a broker within the last second, it first waits up to 100 ms for an endpoint in
-  /// use: ZeroMQ gives endpoints back in the background.
+  /// @param pullTransports where publishers connect
+  /// @param updatesTransports where dispatchers receive live values
+  /// @param cacheTransports where they receive the cached value of each key they subscribe to, and
+  ///     live values from then on
+  /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be bound, or when the
+  ///     process has no socket left
   MessageBroker(const std::vector<std::string>& pullTransports = {"tcp://*:9010"},
                 const std::vector<std::string>& updatesTransports = {"tcp://*:9011"},
                 const std::vector<std::string>& cacheTransports = {"tcp://*:9012"});
   /// Stops the broker. Not from an observer of this broker: a thread cannot wait for itself, and
   /// the process ends.
   virtual ~MessageBroker();
+  /// Not copied, nor moved.
   MessageBroker(const MessageBroker&) = delete;
+  /// Not assigned.
   MessageBroker& operator=(const MessageBroker&) = delete;
 
-  /// Starts the broker's thread; does nothing when it runs. Throws std::system_error when there is
-  /// no thread to be had; the broker is then as it was.
+  /// Starts the broker's thread; does nothing when it runs.
+  ///
+  /// @throws std::system_error when there is no thread to be had; the broker is then as it was
   void start();
 
   /// Waits for the broker's thread to end. What arrives from then on waits in the sockets' queues
   /// for the next start(). Does nothing when the broker does not run, whatever the flags say.
   ///
-  /// `clearCache` forgets every cached value and tells the observers, on the calling thread; no
-  /// dispatcher hears of it. `clearObservers` detaches all observers after that.
-  ///
-  /// Throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
-  /// broker's thread; the flags are then ignored and the thread ends, but the broker counts as
-  /// running until a stop() from another thread, with flags of its own, completes the stop: a
-  /// start() before that does nothing.
-  ///
   /// An observer that hears of the clearing must not call start() or stop(). If one throws, the
   /// others are told all the same and both are cleared; the first exception then leaves stop().
+  ///
+  /// @param clearCache forgets every cached value and tells the observers, on the calling thread;
+  ///     no dispatcher hears of it
+  /// @param clearObservers detaches all observers after that
+  /// @throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
+  ///     broker's thread; the flags are then ignored and the thread ends, but the broker counts as
+  ///     running until a stop() from another thread, with flags of its own, completes the stop: a
+  ///     start() before that does nothing
   void stop(bool clearCache = false, bool clearObservers = false);
 
-  /// The endpoint at which publishers of this process reach this broker: "inproc://publish_service"
-  /// and the broker's number, counted from 0 in each process.
+  /// @return the endpoint at which publishers of this process reach this broker:
+  ///     "inproc://publish_service" and the broker's number, counted from 0 in each process
   std::string getInprocPullTransport() const;
 
   /// Adds an observer at the end of the list, once more if it is there already. The broker does not
-  /// keep it alive. Waits while a notification is under way, so observers must not call it. A null
-  /// pointer is ignored.
+  /// keep it alive. Waits while a notification is under way, so observers must not call it.
+  ///
+  /// @param observer the one to add; a null pointer is ignored
   void attach(const std::shared_ptr<MessageBrokerObserver>& observer);
   /// Removes every entry of the observer. Waits while a notification is under way, so observers
-  /// must not call it. A null pointer is ignored.
+  /// must not call it.
+  ///
+  /// @param observer the one to remove; a null pointer is ignored
   void detach(const std::shared_ptr<MessageBrokerObserver>& observer);
 
  private:
@@ -86,19 +94,36 @@ class TESSEL_EXPORT MessageBroker {
 /// on: once the queue is full (2000 values) it waits for ever, and so does everybody else.
 class TESSEL_EXPORT MessageBrokerObserver {
  public:
+  /// Needs no detach() before: brokers forget observers that have gone.
   virtual ~MessageBrokerObserver();
   /// A dispatcher has subscribed at a cache transport; called before the cached value, if there is
-  /// one, is sent to it. What it subscribed to is cut at the first ":"; without one, all is topic.
+  /// one, is sent to it. Subscriptions at updates transports are not told.
+  ///
+  /// @param topic what stands before the first ":" of the subscription; all of it without one
+  /// @param tag what stands behind the first ":"
   virtual void onSubscribe(const std::string& topic, const std::string& tag) = 0;
   /// The last dispatcher with this subscription has given it up.
+  ///
+  /// @param topic as for onSubscribe()
+  /// @param tag as for onSubscribe()
   virtual void onUnsubscribe(const std::string& topic, const std::string& tag) = 0;
-  /// A value came from a publisher. `cached`: the publisher wants it kept. `cacheUpdated`: it has
-  /// become the cached value. `suppressed`: it equals the cached one and was not passed on.
+  /// A value came from a publisher.
+  ///
+  /// @param topic the publisher's topic
+  /// @param tag the publisher's tag
+  /// @param cached the publisher wants the value kept
+  /// @param cacheUpdated it has become the cached value
+  /// @param suppressed it equals the cached one and was not passed on
   virtual void onPublish(const std::string& topic, const std::string& tag, bool cached,
                          bool cacheUpdated, bool suppressed) = 0;
   /// A value was withdrawn, or forgotten by MessageBroker::stop(true), which is told on the thread
-  /// that stops. `removeFromCache`: it is to leave the cache too. `cacheUpdated`: it was there; if
-  /// it was to leave and was not there, nothing is passed on. `suppressed` is always false.
+  /// that stops.
+  ///
+  /// @param topic the publisher's topic
+  /// @param tag the publisher's tag
+  /// @param removeFromCache the value is to leave the cache too
+  /// @param cacheUpdated it was there; if it was to leave and was not there, nothing is passed on
+  /// @param suppressed always false
   virtual void onUnpublish(const std::string& topic, const std::string& tag, bool removeFromCache,
                            bool cacheUpdated, bool suppressed) = 0;
 };

@@ -29,23 +29,39 @@ enum class SubscriptionMode : std::int32_t {
 /// Destroying it ends the subscription.
 class TESSEL_EXPORT Subscriber {
  public:
-  /// An empty tag means "default". Colons are not refused, but no publisher's value has them.
+  /// Registers nothing yet.
+  ///
+  /// @param mode which values it gets
+  /// @param topic the publisher's topic; a colon is not refused, but no publisher's topic has one
+  /// @param tag the publisher's tag; an empty one means "default"
   Subscriber(SubscriptionMode mode, const std::string& topic, const std::string& tag);
+  /// Ends the subscription. Does not wait for anything: no callback runs, since a callback owns the
+  /// subscriber.
   virtual ~Subscriber();
+  /// Not copied, nor moved.
   Subscriber(const Subscriber&) = delete;
+  /// Not assigned.
   Subscriber& operator=(const Subscriber&) = delete;
 
+  /// @return the mode that it was made with
   SubscriptionMode getMode() const;
+  /// @return the topic that it was made with, valid as long as the subscriber
   const std::string& getTopic() const;
-  /// "default" if it was given empty.
+  /// @return the tag, "default" if it was given empty; valid as long as the subscriber
   const std::string& getTag() const;
 
  protected:
-  /// A value; the bytes are valid during the call only. Called on a worker thread of the
-  /// dispatcher. Calls for different values never overlap; a subscriber registered twice gets a
-  /// value twice, perhaps at the same time. An exception that leaves it ends the process.
+  /// A value was published, or was there already when the subscriber came. Does nothing unless
+  /// overridden.
+  ///
+  /// Called on a worker thread of the dispatcher. Calls for different values never overlap; a
+  /// subscriber registered twice gets a value twice, perhaps at the same time. An exception that
+  /// leaves it ends the process.
+  ///
+  /// @param data the bytes, valid during the call only
+  /// @param size how many bytes
   virtual void onValue(const void* data, std::size_t size);
-  /// The value was withdrawn. Called as onValue() is.
+  /// The value was withdrawn. Called as onValue() is. Does nothing unless overridden.
   virtual void onDeletion();
 
  private:
@@ -58,19 +74,34 @@ class TESSEL_EXPORT Subscriber {
 /// prefix. Owned and called as a Subscriber is.
 class TESSEL_EXPORT MultiSubscriber {
  public:
-  /// The prefix of topic ":" tag: part of a topic, a whole one, or more. An empty one gets all.
+  /// @param prefix the beginning of topic ":" tag: part of a topic, a whole one, or more; an empty
+  ///     one gets everything
   MultiSubscriber(const std::string& prefix);
-  /// The prefix topic ":" tag; with an empty tag every tag of the topic.
+  /// Uses the prefix topic ":" tag; other tags that begin with this one match as well.
+  ///
+  /// @param topic a whole topic
+  /// @param tag a tag, or its beginning; an empty one gets every tag of the topic
   MultiSubscriber(const std::string& topic, const std::string& tag);
+  /// Ends the subscription.
   virtual ~MultiSubscriber();
+  /// Not copied, nor moved.
   MultiSubscriber(const MultiSubscriber&) = delete;
+  /// Not assigned.
   MultiSubscriber& operator=(const MultiSubscriber&) = delete;
 
  protected:
-  /// A value and what it was published under; the bytes are valid during the call only.
+  /// A value was published. Does nothing unless overridden.
+  ///
+  /// @param topic the publisher's topic
+  /// @param tag the publisher's tag
+  /// @param data the bytes, valid during the call only
+  /// @param size how many bytes
   virtual void onValue(const std::string& topic, const std::string& tag, const void* data,
                        std::size_t size);
-  /// The value was withdrawn.
+  /// The value was withdrawn. Does nothing unless overridden.
+  ///
+  /// @param topic the publisher's topic
+  /// @param tag the publisher's tag
   virtual void onDeletion(const std::string& topic, const std::string& tag);
 
  private:
@@ -88,36 +119,52 @@ class TESSEL_EXPORT MultiSubscriber {
 /// up the others; callbacks for the same value run at once on the worker threads.
 class TESSEL_EXPORT MessageDispatcher {
  public:
-  /// Connects to a broker: to one of its updates transports, which serves NewValues and every
-  /// MultiSubscriber, and to one of its cache transports, which serves the other modes.
-  /// `workerCount` threads run the callbacks; with 0 none ever runs.
+  /// Connects to a broker. One that is not there yet is no error: ZeroMQ goes on trying, also after
+  /// a connection is lost.
   ///
-  /// Throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected. A broker
-  /// that is not there yet is no error.
+  /// @param updatesTransport one of the broker's updates transports; serves
+  ///     SubscriptionMode::NewValues and every MultiSubscriber
+  /// @param cacheTransport one of its cache transports; serves the other modes
+  /// @param workerCount how many threads run the callbacks; with 0 none ever runs
+  /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, its name
+  ///     being wrong, or when the process has no socket left
   MessageDispatcher(const std::string& updatesTransport = "tcp://localhost:9011",
                     const std::string& cacheTransport = "tcp://localhost:9012",
                     std::size_t workerCount = 4);
-  /// Stops the dispatcher.
+  /// Stops the dispatcher, as stop() does.
   ~MessageDispatcher();
+  /// Not copied, nor moved.
   MessageDispatcher(const MessageDispatcher&) = delete;
+  /// Not assigned.
   MessageDispatcher& operator=(const MessageDispatcher&) = delete;
 
   /// Adds a subscriber, once more if it is there already. Returns at once: the subscription is made
-  /// by the dispatcher's thread, while it runs, and reaches the broker a moment later. Throws
-  /// std::invalid_argument for a null pointer.
+  /// by the dispatcher's thread, while it runs, and reaches the broker a moment later. The
+  /// dispatcher does not keep the subscriber alive.
+  ///
+  /// @param subscriber the one to add
+  /// @throws std::invalid_argument for a null pointer
   void registerSubscriber(const std::shared_ptr<Subscriber>& subscriber);
+  /// @copydoc registerSubscriber(const std::shared_ptr<Subscriber>&)
   void registerSubscriber(const std::shared_ptr<MultiSubscriber>& subscriber);
   /// Takes one registration of the subscriber back. Returns at once; callbacks may still come until
-  /// the dispatcher's thread has seen it. Throws std::invalid_argument for a null pointer.
+  /// the dispatcher's thread has seen it.
+  ///
+  /// @param subscriber the one to remove; when it is not there, nothing happens
+  /// @throws std::invalid_argument for a null pointer
   void unregisterSubscriber(const std::shared_ptr<Subscriber>& subscriber);
+  /// @copydoc unregisterSubscriber(const std::shared_ptr<Subscriber>&)
   void unregisterSubscriber(const std::shared_ptr<MultiSubscriber>& subscriber);
 
-  /// Starts the dispatcher's thread and its workers; does nothing when they run. Throws
-  /// std::system_error when there are no threads to be had; the dispatcher is then as it was.
+  /// Starts the dispatcher's thread and its workers; does nothing when they run.
+  ///
+  /// @throws std::system_error when there are no threads to be had; the dispatcher is then as it
+  ///     was
   void start();
   /// Waits for the running callbacks and ends the threads; callbacks not yet begun are dropped.
-  /// Registrations stay for the next start(), unless `clearSubscriptions` is set. Does nothing when
-  /// the dispatcher does not run, whatever the flag says.
+  /// Does nothing when the dispatcher does not run, whatever the flag says.
+  ///
+  /// @param clearSubscriptions forgets the registrations, which otherwise stay for the next start()
   void stop(bool clearSubscriptions = false);
 
  private:

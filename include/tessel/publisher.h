@@ -26,55 +26,89 @@ class TESSEL_EXPORT Publisher {
   /// Sends to the default brokers of the process: the first MessageBroker made in it, unless
   /// setDefaultBroker() said otherwise before.
   ///
-  /// All constructors: an empty tag means "default". Throws std::invalid_argument when the topic or
-  /// the tag contains a colon. The topic may be empty.
+  /// @param topic without colons; may be empty
+  /// @param tag without colons; an empty one means "default"
+  /// @throws std::invalid_argument when the topic or the tag contains a colon
   Publisher(const std::string& topic, const std::string& tag);
-  /// Sends to the brokers at these endpoints; with none it publishes nothing.
+  /// Sends to the brokers at these endpoints. Connects when something is first published.
+  ///
+  /// @param transports pull transports of brokers; with none, nothing is ever published
+  /// @param topic without colons; may be empty
+  /// @param tag without colons; an empty one means "default"
+  /// @throws std::invalid_argument when the topic or the tag contains a colon
   Publisher(const std::vector<std::string>& transports, const std::string& topic,
             const std::string& tag);
-  /// Sends to a broker of this process. The broker may go first.
+  /// Sends to a broker of this process.
+  ///
+  /// @param broker where to; it may be destroyed before the publisher
+  /// @param topic without colons; may be empty
+  /// @param tag without colons; an empty one means "default"
+  /// @throws std::invalid_argument when the topic or the tag contains a colon
   Publisher(const MessageBroker& broker, const std::string& topic, const std::string& tag);
   /// Withdraws the value if enableUnpublishOnDestruction() or enableClearCacheOnDestruction() is
   /// on; waits as unpublish() does, but not for a broker of this process that has gone. An error
   /// while doing so ends the process.
   virtual ~Publisher();
+  /// Not copied, nor moved.
   Publisher(const Publisher&) = delete;
+  /// Not assigned.
   Publisher& operator=(const Publisher&) = delete;
 
-  /// Sends `size` bytes, which are copied, to each broker in order. Returns when they are queued;
-  /// waits while the queue to a broker is full (1000 values when nobody is connected, about 2000
-  /// unread ones in the process).
+  /// Sends a value to each broker in order. Returns when it is queued; waits while the queue to a
+  /// broker is full (1000 values when nobody is connected, about 2000 unread ones in the process).
   ///
-  /// Throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, now or
-  /// before on this thread; brokers earlier in the list have the value then.
+  /// @param data the bytes; they are copied
+  /// @param size how many bytes; none is a value, too
+  /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, now or
+  ///     before on this thread; brokers earlier in the list have the value then
   void publish(const void* data, std::size_t size) const;
 
   /// Withdraws the value: subscribers get onDeletion. While the cache is enabled, the broker also
-  /// forgets it, and passes the withdrawal on only if it had it. Waits and throws as publish().
+  /// forgets it, and passes the withdrawal on only if it had it. Waits as publish() does.
+  ///
+  /// @throws std::runtime_error as publish() does
   void unpublish() const;
   /// Another name for unpublish().
   void removeFromCache();
 
   /// Whether brokers keep the value for those who subscribe later. On at first.
+  ///
+  /// @param enable on or off, from the next publish() or unpublish() on
   void enableCache(bool enable);
+  /// @return whether enableCache() is on
   bool isCacheEnabled() const;
   /// Whether brokers pass on a value that equals the one they keep. Off at first.
+  ///
+  /// @param enable on or off, from the next publish() on
   void enablePublishIfEqual(bool enable);
+  /// @return whether enablePublishIfEqual() is on
   bool isPublishIfEqualEnabled() const;
   /// Whether the destructor withdraws the value, as unpublish() does. Off at first. One switch with
   /// enableUnpublishOnDestruction(): setting either sets both.
+  ///
+  /// @param enable on or off
   void enableClearCacheOnDestruction(bool enable);
+  /// @return whether the destructor withdraws the value
   bool isClearCacheOnDestructionEnabled() const;
   /// The same switch as enableClearCacheOnDestruction().
+  ///
+  /// @param enable on or off
   void enableUnpublishOnDestruction(bool enable);
+  /// @return whether the destructor withdraws the value
   bool isUnpublishOnDestructionEnabled() const;
 
+  /// @return the topic, valid as long as the publisher
   const std::string& getTopic() const;
-  /// "default" if it was given empty.
+  /// @return the tag, "default" if it was given empty; valid as long as the publisher
   const std::string& getTag() const;
 
   /// Where publishers made from now on without a broker of their own send to. Any thread.
+  ///
+  /// @param transports pull transports of brokers; with none, such publishers publish nothing
   static void setDefaultBroker(const std::vector<std::string>& transports);
+  /// Lets publishers made from now on without a broker of their own send to this one. Any thread.
+  ///
+  /// @param broker a broker of this process; only its endpoint is kept
   static void setDefaultBroker(const MessageBroker& broker);
 
  private:

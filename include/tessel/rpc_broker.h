@@ -29,46 +29,63 @@ class Service;
 /// ends its process.
 class TESSEL_EXPORT RpcBroker {
  public:
-  /// A master binds all of `transports`, a slave connects to its only one. Calls wait in the
-  /// sockets' queues until start(). The dispatcher decides where services run.
+  /// Binds or connects; calls wait in the sockets' queues until start(). Waits for an endpoint in
+  /// use as MessageBroker does.
   ///
-  /// Throws std::runtime_error with ZeroMQ's text when an endpoint cannot be bound or connected,
-  /// std::logic_error when a slave is given other than one transport, std::invalid_argument for a
-  /// null dispatcher. Waits for an endpoint in use as MessageBroker does.
+  /// @param master whether it is a master, which binds, or a slave, which connects to a master
+  /// @param transports a master's own endpoints, or the only one at which a slave finds its master;
+  ///     a master without any serves this process only
+  /// @param dispatcher decides on which threads services run; shared with the broker
+  /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be bound or connected,
+  ///     or when the process has no socket left
+  /// @throws std::logic_error when a slave is given other than one transport
+  /// @throws std::invalid_argument for a null dispatcher
   RpcBroker(bool master, const std::vector<std::string>& transports,
             std::shared_ptr<RpcDispatcher> dispatcher);
   /// Stops the broker. Not from an observer on the broker's thread, nor from a service that one of
   /// its workers runs: a thread cannot wait for itself, and the process ends.
   virtual ~RpcBroker();
+  /// Not copied, nor moved.
   RpcBroker(const RpcBroker&) = delete;
+  /// Not assigned.
   RpcBroker& operator=(const RpcBroker&) = delete;
 
-  /// Offers a service, at any time; the broker shares its ownership. A running slave tells its
-  /// master. Throws std::logic_error when there is one of the same names, std::invalid_argument for
-  /// a null pointer.
+  /// Offers a service, at any time. A running slave tells its master.
+  ///
+  /// @param service the service; the broker shares its ownership
+  /// @throws std::logic_error when there is one of the same names
+  /// @throws std::invalid_argument for a null pointer
   void registerService(const std::shared_ptr<Service>& service);
   /// Takes the service of these names back, also when it was never there. Calls that run go on;
   /// calls accepted and not begun are answered that the service was not found, if nobody else owns
-  /// it. Throws std::invalid_argument for a null pointer.
+  /// it.
+  ///
+  /// @param service one with the names of the service to take back
+  /// @throws std::invalid_argument for a null pointer
   void unregisterService(const std::shared_ptr<Service>& service);
 
   /// Adds an observer at the end of the list, once more if it is there already. The broker does not
-  /// keep it alive. A null pointer is ignored.
+  /// keep it alive.
+  ///
+  /// @param observer the one to add; a null pointer is ignored
   void attach(const std::shared_ptr<RpcBrokerObserver>& observer);
-  /// Removes every entry of the observer. Calls under way still tell it. A null pointer is ignored.
+  /// Removes every entry of the observer. Calls under way still tell it.
+  ///
+  /// @param observer the one to remove; a null pointer is ignored
   void detach(const std::shared_ptr<RpcBrokerObserver>& observer);
 
   /// Starts the dispatcher and the broker's thread; does nothing when they run. A slave announces
-  /// its services. Throws what the dispatcher throws, and std::system_error when there is no thread
-  /// to be had; the broker is then as it was.
+  /// its services. Throws what the dispatcher's start() throws.
+  ///
+  /// @throws std::system_error when there is no thread to be had; the broker is then as it was
   void start();
   /// Waits for the broker's thread to end, then stops the dispatcher. A slave withdraws its
   /// services from the master. Does nothing when the broker does not run, whatever the flags say.
   ///
-  /// `clearServices` releases every service, `clearObservers` detaches every observer after that.
-  ///
-  /// Throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
-  /// broker's thread; the thread then ends, and a stop() from another thread completes the stop.
+  /// @param clearServices releases every service, and forgets those of slaves
+  /// @param clearObservers detaches every observer after that
+  /// @throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
+  ///     broker's thread; the thread then ends, and a stop() from another thread completes the stop
   void stop(bool clearServices = false, bool clearObservers = false);
 
  private:
@@ -83,24 +100,49 @@ class TESSEL_EXPORT RpcBroker {
 /// registerService() or unregisterService(), or ends the process on the broker's thread.
 class TESSEL_EXPORT RpcBrokerObserver {
  public:
+  /// Needs no detach() before: brokers forget observers that have gone.
   virtual ~RpcBrokerObserver();
-  /// `local`: registered with this broker, and `identity` is empty; otherwise with the slave that
-  /// has this routing identity. Called on the thread that registers, or the broker's, with the
-  /// broker's registry and observer list locked: it must not call the broker.
+  /// A service was registered, with this broker or with a slave of it. Called on the thread that
+  /// registers, or the broker's for a slave, with the broker's registry and observer list locked:
+  /// it must not call the broker.
+  ///
+  /// @param serviceName the service's first name
+  /// @param instanceName the service's second name
+  /// @param local registered with this broker, not with a slave
+  /// @param identity the routing identity of the slave; empty for this broker
   virtual void onServiceRegistered(const std::string& serviceName, const std::string& instanceName,
                                    bool local, const std::vector<std::uint8_t>& identity) = 0;
-  /// As onServiceRegistered().
+  /// A service was taken back. Called as onServiceRegistered() is; with this broker also for a
+  /// service that was never there.
+  ///
+  /// @param serviceName the service's first name
+  /// @param instanceName the service's second name
+  /// @param local taken back from this broker, not by a slave
+  /// @param identity the routing identity of the slave that takes it back; empty for this broker
   virtual void onServiceUnregistered(const std::string& serviceName,
                                      const std::string& instanceName, bool local,
                                      const std::vector<std::uint8_t>& identity) = 0;
   /// A service of this broker is about to be called. On the thread that calls it, no lock held; by
   /// several threads at once. An exception that leaves it is what the caller gets.
+  ///
+  /// @param serviceName the service's first name
+  /// @param instanceName the service's second name
+  /// @param methodName the method
+  /// @param data the call's argument, valid during the call only
+  /// @param size how many bytes
   virtual void onRequest(const std::string& serviceName, const std::string& instanceName,
                          const std::string& methodName, const void* data, std::size_t size) = 0;
-  /// How the call ended: 0 with its result, 1 with a text of the service's failure, 2 with
-  /// "service not found", 3 with the bytes of the service's own error. The size of a text counts
-  /// its terminating NUL. Called before the caller has the answer, as onRequest(); for a service
+  /// How the call ended. Called before the caller has the answer, as onRequest(); for a service
   /// that nobody has, on the broker's thread, with the observer list locked.
+  ///
+  /// @param serviceName the service's first name
+  /// @param instanceName the service's second name
+  /// @param methodName the method
+  /// @param status 0: it has a result; 1: the service failed; 2: nobody has it; 3: it failed with
+  ///     an error of its own
+  /// @param data 0: the result; 1: the text of the failure; 2: "service not found"; 3: the bytes of
+  ///     the error; valid during the call only
+  /// @param size how many bytes; of a text with its terminating NUL
   virtual void onReply(const std::string& serviceName, const std::string& instanceName,
                        const std::string& methodName, int status, const void* data,
                        std::size_t size) = 0;

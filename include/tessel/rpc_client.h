@@ -24,30 +24,52 @@ class TESSEL_EXPORT RpcClient {
   /// Calls the services that the broker at this endpoint has or knows of. Connects at the first
   /// call.
   ///
-  /// Both constructors: `receiveTimeout` is how long a call waits for its answer; -1 ms, and more
-  /// than 2147483647 ms, mean for ever.
+  /// @param transport the endpoint of a master
+  /// @param receiveTimeout how long a call waits for its answer; -1 ms and more than 2147483647 ms
+  ///     mean for ever
   RpcClient(const std::string& transport, std::chrono::milliseconds receiveTimeout);
   /// Calls services registered with this broker directly, on the calling thread, while the broker
-  /// runs; others through a slave's master, or the master that the broker is. Does not keep the
-  /// broker alive. Throws std::invalid_argument for a null pointer.
+  /// runs; others through a slave's master, or the master that the broker is.
+  ///
+  /// @param broker a broker of this process; the client does not keep it alive
+  /// @param receiveTimeout how long a call waits for its answer, unless it runs directly; -1 ms
+  ///     and more than 2147483647 ms mean for ever
+  /// @throws std::invalid_argument for a null pointer
   RpcClient(const std::shared_ptr<RpcBroker>& broker, std::chrono::milliseconds receiveTimeout);
+  /// Closes no connection: the threads that have called keep theirs until they end.
   virtual ~RpcClient();
+  /// Not copied, nor moved.
   RpcClient(const RpcClient&) = delete;
+  /// Not assigned.
   RpcClient& operator=(const RpcClient&) = delete;
 
-  /// Calls `method` with `size` bytes at `data`. On success `out` owns the result, `outSize` bytes.
-  /// On failure both are as before, unless the service ran on this thread and wrote to them.
+  /// Calls a method and waits for its end. A call that timed out may still run; its answer is
+  /// dropped.
   ///
-  /// Throws rpc_timeout when no answer came in time, rpc_broker_error when nobody has the service,
-  /// rpc_custom_error or rpc_service_error when the service threw, and std::runtime_error with
-  /// ZeroMQ's text when the endpoint cannot be used. A call that timed out may still run; its
-  /// answer is dropped.
+  /// @param service the service's first name
+  /// @param instance the service's second name
+  /// @param method the method, which the service interprets
+  /// @param data the argument; it is copied, or passed on as it is to a service called directly
+  /// @param size how many bytes
+  /// @param[out] out owns the result afterwards; after a failure it is as before, unless a service
+  ///     called directly has written to it
+  /// @param[out] outSize how many bytes the result has; after a failure as `out`; 0 and a buffer
+  ///     for an empty result, other than from a service called directly that sets neither
+  /// @throws rpc_timeout when no answer came in time
+  /// @throws rpc_broker_error when nobody has the service
+  /// @throws rpc_custom_error when the service threw one: its bytes
+  /// @throws rpc_service_error when the service threw anything else: its text
+  /// @throws std::runtime_error with ZeroMQ's text when the endpoint cannot be used, when a signal
+  ///     handler ends the waiting, or for a negative time-out other than -1 ms
   void CallMethod(const std::string& service, const std::string& instance,
                   const std::string& method, const void* data, std::size_t size,
                   std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize);
 
+  /// @return how long a call waits for its answer
   std::chrono::milliseconds receiveTimeout() const;
-  /// From the next call on. Any thread.
+  /// Changes how long calls wait, from the next one on. Any thread.
+  ///
+  /// @param timeout as for the constructors
   void setReceiveTimeout(const std::chrono::milliseconds& timeout);
 
  private:

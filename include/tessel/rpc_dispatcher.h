@@ -15,9 +15,13 @@ class ThreadedRpcDispatcherImpl;
 /// the broker alive: when the service has gone, the caller is told so.
 class TESSEL_EXPORT RpcRequest {
  public:
+  /// Without execute() before, the caller is never answered.
   virtual ~RpcRequest();
+  /// @return the first name of the service that is called
   virtual std::string getServiceName() const = 0;
+  /// @return the second name of the service that is called
   virtual std::string getInstanceName() const = 0;
+  /// @return the method that is called
   virtual std::string getMethodName() const = 0;
   /// Calls the service and sends the reply; once, on any thread. A request that is never executed
   /// is never answered: its caller times out.
@@ -27,12 +31,16 @@ class TESSEL_EXPORT RpcRequest {
 /// Decides on which thread requests run; an application may bring its own.
 class TESSEL_EXPORT RpcDispatcher {
  public:
+  /// On whichever thread lets go last: the application's, or the one that destroys the broker.
   virtual ~RpcDispatcher();
   /// Called by RpcBroker::start(), before any request.
   virtual void start() = 0;
   /// Called by RpcBroker::stop(), after the last request.
   virtual void stop() = 0;
-  /// Called on the broker's thread; must not wait for the request to run.
+  /// Called on the broker's thread; must not wait for the request to run. An exception that leaves
+  /// it ends the process.
+  ///
+  /// @param request the call to run, now or later, on whichever thread
   virtual void submit(std::shared_ptr<RpcRequest> request) = 0;
 };
 
@@ -41,20 +49,28 @@ class TESSEL_EXPORT RpcDispatcher {
 /// start(), stop() and submit() are for the broker. They are not locked against each other.
 class TESSEL_EXPORT ThreadedRpcDispatcher : public RpcDispatcher {
  public:
-  /// Starts nothing yet. With 0 threads no request ever runs.
+  /// Starts nothing yet.
+  ///
+  /// @param threadCount how many requests run at once; with 0 none ever runs
   ThreadedRpcDispatcher(std::size_t threadCount = 4);
   /// As stop().
   virtual ~ThreadedRpcDispatcher();
+  /// Not copied, nor moved.
   ThreadedRpcDispatcher(const ThreadedRpcDispatcher&) = delete;
+  /// Not assigned.
   ThreadedRpcDispatcher& operator=(const ThreadedRpcDispatcher&) = delete;
 
   /// Starts the workers; when they run already, in place of those there are, which end as in
-  /// stop(). Throws std::system_error when there are no threads to be had.
+  /// stop().
+  ///
+  /// @throws std::system_error when there are no threads to be had
   void start() override;
   /// Waits for the requests that run and drops the others; their callers time out. Not from a
   /// request of this dispatcher: a worker cannot wait for itself, and the process ends.
   void stop() override;
-  /// Between start() and stop() only.
+  /// Puts a request at the end of the queue. Between start() and stop() only.
+  ///
+  /// @param request the call to run
   void submit(std::shared_ptr<RpcRequest> request) override;
 
  private:

@@ -1,6 +1,7 @@
 #ifndef TESSEL_TESSEL_H
 #define TESSEL_TESSEL_H
 
+/// @file
 /// The whole of the library: publish/subscribe with a last-value cache, and remote procedure calls.
 
 #include "tessel/export.h"
@@ -13,5 +14,8 @@
 #include "tessel/rpc_error.h"
 #include "tessel/service.h"
 #include "tessel/version.h"
+
+/// All names of the library.
+namespace tessel {}
 
 #endif
