@@ -1,8 +1,11 @@
-// A value is published before anybody listens; the subscriber that comes later gets it at once.
 #include <tessel/tessel.h>
 
 #include <future>
 #include <iostream>
+
+const char kUsage[] = R"(usage: publish_subscribe [--help]
+A value is published before anybody listens; the subscriber that comes later gets it at once.
+)";
 
 class Thermometer : public tessel::Subscriber {
  public:
@@ -15,7 +18,11 @@ class Thermometer : public tessel::Subscriber {
   }
 };
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    std::cout << kUsage;
+    return std::string(argv[1]) == "--help" ? 0 : 2;
+  }
   // Between processes the names are "tcp://*:9011" here and "tcp://localhost:9011" there.
   tessel::MessageBroker broker({}, {"inproc://updates"}, {"inproc://cache"});
   broker.start();
@@ -27,3 +34,6 @@ int main() {
   dispatcher.registerSubscriber(thermometer);
   std::cout << "kitchen: " << thermometer->shown.get_future().get() << "\n";
 }
+
+// Output:
+// kitchen: 21.5

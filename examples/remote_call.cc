@@ -1,8 +1,11 @@
-// A client calls a service by its name; what the service throws, the client catches.
 #include <tessel/tessel.h>
 
 #include <cstring>
 #include <iostream>
+
+const char kUsage[] = R"(usage: remote_call [--help]
+A client calls a service by its name; what the service throws, the client catches.
+)";
 
 class Greeter : public tessel::Service {
  public:
@@ -16,7 +19,11 @@ class Greeter : public tessel::Service {
   }
 };
 
-int main() {
+int main(int argc, char** argv) {
+  if (argc > 1) {
+    std::cout << kUsage;
+    return std::string(argv[1]) == "--help" ? 0 : 2;
+  }
   // Between processes the names are "tcp://*:9020" here and "tcp://localhost:9020" there.
   auto workers = std::make_shared<tessel::ThreadedRpcDispatcher>();
   tessel::RpcBroker broker(true, {"inproc://calls"}, workers);
@@ -29,3 +36,6 @@ int main() {
   client.CallMethod("greeter", "front door", "greet", "world", 5, answer, size);
   std::cout << std::string(answer.get(), answer.get() + size) << "\n";
 }
+
+// Output:
+// Hello, world
