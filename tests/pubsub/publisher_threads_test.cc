@@ -17,15 +17,6 @@
 #include "support/socket_budget.h"
 #include "support/threads.h"
 
-#if defined(__SANITIZE_THREAD__)
-// A bind that meets sockets which connected before it adds up the high-water marks of their pipes
-// on its own thread, while their owners look at them: two plain integers, in ZeroMQ.
-extern "C" const char* __tsan_default_suppressions();
-extern "C" const char* __tsan_default_suppressions() {
-  return "race:zmq::ctx_t::connect_inproc_sockets\n";
-}
-#endif
-
 namespace tessel::test {
 namespace {
 

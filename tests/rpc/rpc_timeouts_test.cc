@@ -2,12 +2,15 @@
 #include <gmock/gmock.h>
 #include <sys/socket.h>
 #include <unistd.h>
+#include <zmq.h>
 
 #include <cstdlib>
 #include <thread>
+#include <vector>
 
 #include "life_fixture.h"
 #include "support/recorders.h"
+#include "transport/zmq_context.h"
 
 namespace tessel::test {
 namespace {
@@ -97,10 +100,13 @@ TEST(RpcTimeouts, WithoutAnySocketLeftAreErrorsUntilThereAreSomeAgain) {
   const Watchdog watchdog("time-outs without sockets");
   const auto broker = makeMaster({});
   broker->registerService(makeEcho("s", "i"));
+  std::vector<void*> spare(32);
+  for (void*& socket : spare) socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR);
   RpcClient client(broker, milliseconds(0));
   std::string got = "timeout";
   for (int i = 0; i < 2000 && got == "timeout"; ++i) got = outcome(client, "s", "i");
   EXPECT_EQ(got, "error: Too many open files");
+  for (void* socket : spare) zmq_close(socket);  // a worker that gets none ends the process
   broker->start();
   client.setReceiveTimeout(kLong);
   EXPECT_TRUE(eventually([&] { return outcome(client, "none", "i") == notFound("none", "i"); }));

@@ -16,12 +16,6 @@
 #include "support/threads.h"
 #include "support/zmq_errors.h"
 
-#if defined(__SANITIZE_THREAD__)
-// When a name is bound to which a socket is connected already, libzmq sets that one's high-water
-// marks from the binder's thread, while its own thread may be sending.
-extern "C" const char* __tsan_default_suppressions() { return "race:zmq::pipe_t::set_hwms"; }
-#endif
-
 namespace tessel::test {
 namespace {
 
