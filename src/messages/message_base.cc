@@ -70,7 +70,7 @@ bool MessageBase::sendWhole(ZmqSocket& socket, WhenFull whenFull) {
     ZmqFrame delimiter;
     if (!sendHeaderFrame(delimiter)) return false;
   }
-  ZmqFrame signature(kProtocolSignature);
+  ZmqFrame signature(kProtocolSignature.data(), kProtocolSignature.size());
   if (!sendHeaderFrame(signature)) return false;
   sendHeaderFrame(header_.typeFrame);
   sendBody(socket);

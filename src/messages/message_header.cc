@@ -4,10 +4,6 @@
 #include <utility>
 
 namespace tessel {
-
-// Never destroyed: threads may still send while the process exits.
-const std::string& kProtocolSignature = *new std::string("RS02");
-
 namespace {
 
 bool isSignature(const ZmqFrame& frame) {

@@ -2,7 +2,7 @@
 #define TESSEL_SRC_MESSAGES_MESSAGE_HEADER_H
 
 #include <cstdint>
-#include <string>
+#include <string_view>
 #include <vector>
 
 #include "transport/zmq_frame.h"
@@ -11,7 +11,7 @@
 namespace tessel {
 
 /// The text in front of every message, by which the two ends know each other's protocol.
-extern const std::string& kProtocolSignature;
+inline constexpr std::string_view kProtocolSignature = "RS02";
 
 /// The type code on the wire of each message class.
 enum MessageType : std::int32_t {

@@ -4,6 +4,7 @@
 
 #include <cstdlib>
 #include <stdexcept>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -17,13 +18,11 @@ namespace {
 
 std::atomic<std::uint64_t> nextBroker{0};
 
-const std::string& kRouterEndpoint = *new std::string("inproc://rpc_reply_in_");
+constexpr std::string_view kRouterEndpoint = "inproc://rpc_reply_in_";
 
 constexpr int kNoHighWaterMark = 0;
 
 constexpr std::size_t kMainItem = 1;  // in the poll set
-
-const std::vector<std::uint8_t> kNoIdentity;
 
 const std::string& onlyTransport(const std::vector<std::string>& transports) {
   if (transports.size() != 1) {
@@ -54,7 +53,8 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
                              std::shared_ptr<RpcDispatcher> dispatcher)
     : master_(master),
       id_(nextBroker.fetch_add(1)),
-      routerEndpoint_(master ? kRouterEndpoint + std::to_string(id_) : onlyTransport(transports)),
+      routerEndpoint_(master ? std::string(kRouterEndpoint) + std::to_string(id_)
+                             : onlyTransport(transports)),
       internalEndpoint_("inproc://rpc_broker_internal_" + std::to_string(id_)),
       mainSocket_(master ? ZMQ_ROUTER : ZMQ_DEALER),
       internalSocket_(ZMQ_PULL),
@@ -100,7 +100,7 @@ void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
   }
   announceFromThisThread(*service, Announce::kOffer);
   observers_->notify([&](RpcBrokerObserver& observer) {
-    observer.onServiceRegistered(key.first, key.second, true, kNoIdentity);
+    observer.onServiceRegistered(key.first, key.second, true, {});
   });
 }
 
@@ -109,7 +109,7 @@ void RpcBrokerImpl::unregisterService(const std::shared_ptr<Service>& service) {
   Services::node_type released;  // after the lock: its destructor may call the broker
   const Lock lock(registryMutex_);
   observers_->notify([&](RpcBrokerObserver& observer) {
-    observer.onServiceUnregistered(key.first, key.second, true, kNoIdentity);
+    observer.onServiceUnregistered(key.first, key.second, true, {});
   });
   announceFromThisThread(*service, Announce::kWithdraw);
   released = services_.extract(key);
