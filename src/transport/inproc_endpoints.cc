@@ -13,31 +13,28 @@ bool InprocEndpoints::isInproc(const std::string& endpoint) {
 
 InprocEndpoints::ClosedFlag InprocEndpoints::connect(const std::string& endpoint,
                                                      const std::function<void()>& connect) {
-  std::shared_ptr<std::atomic<bool>> closed;  // outside the lock: its deleter takes it
+  std::shared_ptr<Connected> connected;  // before the lock, also below: released after it
   const Lock lock(mutex_);
-  connect();
-  std::weak_ptr<std::atomic<bool>>& entry = connected_[endpoint];
-  closed = entry.lock();
-  if (closed == nullptr) {
-    closed = std::shared_ptr<std::atomic<bool>>(new std::atomic<bool>(false),
-                                                [this, endpoint](const std::atomic<bool>* flag) {
-                                                  delete flag;
-                                                  forget(endpoint);
-                                                });
-    entry = closed;
+  const auto entry = connected_.find(endpoint);
+  if (entry != connected_.end()) connected = entry->second.lock();
+  if (connected == nullptr) {
+    connected = std::make_shared<Connected>(endpoint);
+    connected_[endpoint] = connected;
   }
-  return closed;
+  connect();
+  return ClosedFlag(connected, &connected->closed);
 }
 
 bool InprocEndpoints::bind(const std::string& endpoint, const std::function<bool()>& bind) {
   const Lock lock(mutex_);
-  if (!bind()) return false;
-  bound_.insert(endpoint);
-  return true;
+  const bool isNew = bound_.insert(endpoint).second;  // or another socket has the name
+  if (bind()) return true;
+  if (isNew) bound_.erase(endpoint);
+  return false;
 }
 
 void InprocEndpoints::unbind(const std::string& endpoint, const std::function<void()>& unbind) {
-  ClosedFlag told;  // outside the lock: its deleter takes it
+  std::shared_ptr<Connected> told;
   const Lock lock(mutex_);
   unbind();
   bound_.erase(endpoint);
@@ -46,20 +43,21 @@ void InprocEndpoints::unbind(const std::string& endpoint, const std::function<vo
 
 void InprocEndpoints::releaseOrphans(const std::string& endpoint,
                                      const std::function<void()>& takeOver) {
-  ClosedFlag told;  // as in unbind()
+  std::shared_ptr<Connected> told;
   const Lock lock(mutex_);
   if (bound_.count(endpoint) != 0) return;
   takeOver();
   told = tellClosed(endpoint);
 }
 
-InprocEndpoints::ClosedFlag InprocEndpoints::tellClosed(const std::string& endpoint) {
+std::shared_ptr<InprocEndpoints::Connected> InprocEndpoints::tellClosed(
+    const std::string& endpoint) {
   const auto entry = connected_.find(endpoint);
   if (entry == connected_.end()) return nullptr;
-  const std::shared_ptr<std::atomic<bool>> closed = entry->second.lock();
-  if (closed != nullptr) closed->store(true, std::memory_order_release);
+  std::shared_ptr<Connected> connected = entry->second.lock();
+  if (connected != nullptr) connected->closed.store(true, std::memory_order_release);
   connected_.erase(entry);
-  return closed;
+  return connected;
 }
 
 bool InprocEndpoints::isBound(const std::string& endpoint) {

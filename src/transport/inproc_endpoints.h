@@ -28,6 +28,7 @@ class InprocEndpoints {
   static bool isInproc(const std::string& endpoint);
 
   /// Runs `connect` and returns the flag to look at before each message. What it throws passes.
+  /// Both here and in bind() the books are written first, since there may be no memory for it.
   ClosedFlag connect(const std::string& endpoint, const std::function<void()>& connect)
       TESSEL_EXCLUDES(mutex_);
   /// Runs `bind` and, if that succeeds, counts the name as bound; passes its answer on.
@@ -43,14 +44,28 @@ class InprocEndpoints {
   bool isBound(const std::string& endpoint) TESSEL_EXCLUDES(mutex_);
 
  private:
+  // Those who connected to one name since it was last closed. Takes its name off the books when the
+  // last of them has gone, for which it takes the lock: it is never released under it.
+  class Connected {
+   public:
+    explicit Connected(const std::string& endpoint) : endpoint_(endpoint) {}
+    ~Connected() { instance().forget(endpoint_); }
+    Connected(const Connected&) = delete;
+    Connected& operator=(const Connected&) = delete;
+
+    std::atomic<bool> closed{false};
+
+   private:
+    const std::string endpoint_;
+  };
+
   InprocEndpoints() = default;
+  std::shared_ptr<Connected> tellClosed(const std::string& endpoint) TESSEL_REQUIRES(mutex_);
   void forget(const std::string& endpoint) TESSEL_EXCLUDES(mutex_);
-  ClosedFlag tellClosed(const std::string& endpoint) TESSEL_REQUIRES(mutex_);
 
   Mutex mutex_;
   // Weak, so that a name costs nothing once no socket is connected to it.
-  std::unordered_map<std::string, std::weak_ptr<std::atomic<bool>>> connected_
-      TESSEL_GUARDED_BY(mutex_);
+  std::unordered_map<std::string, std::weak_ptr<Connected>> connected_ TESSEL_GUARDED_BY(mutex_);
   std::unordered_set<std::string> bound_ TESSEL_GUARDED_BY(mutex_);
 };
 

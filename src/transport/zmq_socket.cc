@@ -117,16 +117,19 @@ bool ZmqSocket::tryBind(const std::string& endpoint) {
   const auto bindNow = [&] {
     return uninterrupted([&] { return zmq_bind(handle_, endpoint.c_str()); }) == 0;
   };
+  // Memory first: what is bound in the process and not in the list would never be unbound.
+  std::string bound = endpoint;
+  boundEndpoints_.reserve(boundEndpoints_.size() + 1);
   if (InprocEndpoints::isInproc(endpoint)) {
     if (!InprocEndpoints::instance().bind(endpoint, bindNow)) return false;
-    boundEndpoints_.push_back(endpoint);
-    return true;
+  } else {
+    if (!bindNow()) return false;
+    char resolved[1024];  // a wildcard port or address has become a real one
+    std::size_t size = sizeof resolved;
+    if (zmq_getsockopt(handle_, ZMQ_LAST_ENDPOINT, resolved, &size) != 0) throwZmqError();
+    bound = resolved;
   }
-  if (!bindNow()) return false;
-  char resolved[1024];  // a wildcard port or address has become a real one
-  std::size_t size = sizeof resolved;
-  if (zmq_getsockopt(handle_, ZMQ_LAST_ENDPOINT, resolved, &size) != 0) throwZmqError();
-  boundEndpoints_.emplace_back(resolved);
+  boundEndpoints_.push_back(std::move(bound));
   return true;
 }
 
