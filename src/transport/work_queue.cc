@@ -28,7 +28,11 @@ WorkQueue::WorkQueue(std::size_t threadCount) {
   }
 }
 
-WorkQueue::~WorkQueue() { tearDown(); }
+WorkQueue::~WorkQueue() {
+  tearDown();
+  while (dropOne()) {
+  }
+}
 
 void WorkQueue::push(Task task) {
   const Lock lock(mutex_);
@@ -39,7 +43,13 @@ void WorkQueue::push(Task task) {
 void WorkQueue::pushAll(std::vector<Task>& tasks) {
   {
     const Lock lock(mutex_);
-    for (Task& task : tasks) tasks_.push_back(std::move(task));
+    const std::size_t before = tasks_.size();
+    try {
+      for (Task& task : tasks) tasks_.push_back(std::move(task));
+    } catch (...) {
+      wakeFor(tasks_.size() - before);
+      throw;
+    }
     wakeFor(tasks.size());
   }
   tasks.clear();
@@ -102,6 +112,17 @@ void WorkQueue::tearDown() {
     taskAvailable_.notifyAll();
   }
   for (std::thread& worker : workers_) worker.join();
+}
+
+bool WorkQueue::dropOne() {
+  Task dropped;  // released after the lock: what it holds may push another
+  const Lock lock(mutex_);
+  if (tasks_.empty()) return false;
+  dropped = std::move(tasks_.front());
+  tasks_.pop_front();
+  --queued_;
+  --pending_;
+  return true;
 }
 
 }  // namespace tessel

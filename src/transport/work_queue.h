@@ -21,14 +21,16 @@ class WorkQueue {
 
   /// Throws std::system_error when a thread cannot be started; those started before are joined.
   explicit WorkQueue(std::size_t threadCount);
-  /// Waits for the running tasks and drops the queued ones unrun. Not from a worker of this queue:
-  /// that ends the process, because a thread cannot join itself.
+  /// Waits for the running tasks and drops the queued ones unrun, with those that are pushed when
+  /// what a dropped one held is released. Not from a worker of this queue: that ends the process,
+  /// because a thread cannot join itself.
   ~WorkQueue();
   WorkQueue(const WorkQueue&) = delete;
   WorkQueue& operator=(const WorkQueue&) = delete;
 
   void push(Task task) TESSEL_EXCLUDES(mutex_);
-  /// Pushes all of them in order, as one; leaves the vector empty.
+  /// Pushes all of them in order, as one; leaves the vector empty. When memory runs out on the way,
+  /// those that there was room for are run.
   void pushAll(std::vector<Task>& tasks) TESSEL_EXCLUDES(mutex_);
   /// Waits until every task pushed has returned: true. False, sooner, after cancelWaits().
   bool waitIdle() TESSEL_EXCLUDES(mutex_);
@@ -39,6 +41,7 @@ class WorkQueue {
   void run() TESSEL_EXCLUDES(mutex_);
   void wakeFor(std::size_t pushed) TESSEL_REQUIRES(mutex_);
   void tearDown() TESSEL_EXCLUDES(mutex_);
+  bool dropOne() TESSEL_EXCLUDES(mutex_);
 
   std::vector<std::thread> workers_;  // the owner's; unchanged while workers run
   Mutex mutex_;

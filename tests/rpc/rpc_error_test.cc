@@ -2,39 +2,18 @@
 #include <tessel/rpc_error.h>
 
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <limits>
 #include <memory>
-#include <new>
 #include <string>
 #include <type_traits>
 #include <utility>
 #include <vector>
 
 #include "rpc/rpc_error_impl.h"
+#include "support/failing_allocations.h"
 #include "support/raw_peer.h"
 #include "support/zmq_errors.h"
-
-namespace {
-
-// How many more allocations of this thread succeed; -1 for all.
-thread_local int allocationsLeft = -1;
-
-}  // namespace
-
-// Not inlined, as g++ would take what it then sees, new with free(), for a mistake.
-[[gnu::noinline]] void* operator new(std::size_t size) {
-  if (allocationsLeft == 0) throw std::bad_alloc();
-  if (allocationsLeft > 0) --allocationsLeft;
-  void* const memory = std::malloc(size == 0 ? 1 : size);
-  if (memory == nullptr) throw std::bad_alloc();
-  return memory;
-}
-[[gnu::noinline]] void operator delete(void* memory) noexcept { std::free(memory); }
-[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
-  std::free(memory);
-}
 
 namespace tessel::test {
 namespace {

@@ -404,6 +404,24 @@ TEST(WorkQueue, WithoutThreadsDestroysItsTasksUnrun) {
   EXPECT_FALSE(ran);
 }
 
+TEST(WorkQueue, WhatADroppedTaskHoldsMayPushInItsDestructor) {
+  std::atomic<int> destroyed{0};
+  bool ran = false;
+  {
+    WorkQueue queue(0);
+    for (int i = 0; i < 100; ++i) {
+      queue.push([&, outer = std::make_shared<Ending>([&] {
+                       ++destroyed;
+                       queue.push([&, inner = std::make_shared<Ending>([&] { ++destroyed; })] {
+                         ran = true;
+                       });
+                     })] { ran = true; });
+    }
+  }
+  EXPECT_EQ(destroyed, 200);
+  EXPECT_FALSE(ran);
+}
+
 TEST(WorkQueueDeathTest, ATaskThatThrowsEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   EXPECT_EXIT(

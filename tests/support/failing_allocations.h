@@ -1,0 +1,52 @@
+#ifndef TESSEL_TESTS_SUPPORT_FAILING_ALLOCATIONS_H
+#define TESSEL_TESTS_SUPPORT_FAILING_ALLOCATIONS_H
+
+#include <cstddef>
+#include <cstdlib>
+#include <new>
+
+// Stands in for the allocation of the program: for one source of it, and for those who want to see
+// what happens without memory.
+
+namespace tessel::test {
+
+/// How many more allocations of this thread succeed; -1 for all.
+inline thread_local int allocationsLeft = -1;
+/// How many allocations of this thread have succeeded and were not given back by it.
+inline thread_local long allocationsOut = 0;
+
+/// Runs `call` with only so many allocations to come; whether they were too few.
+template <typename Call>
+bool runsOutOfMemory(int allocations, const Call& call) {
+  allocationsLeft = allocations;
+  bool ranOut = false;
+  try {
+    call();
+  } catch (const std::bad_alloc&) {
+    ranOut = true;
+  }
+  allocationsLeft = -1;
+  return ranOut;
+}
+
+}  // namespace tessel::test
+
+// Not inlined, as g++ would take what it then sees, new with free(), for a mistake.
+[[gnu::noinline]] void* operator new(std::size_t size) {
+  using tessel::test::allocationsLeft;
+  if (allocationsLeft == 0) throw std::bad_alloc();
+  if (allocationsLeft > 0) --allocationsLeft;
+  void* const memory = std::malloc(size == 0 ? 1 : size);
+  if (memory == nullptr) throw std::bad_alloc();
+  ++tessel::test::allocationsOut;
+  return memory;
+}
+[[gnu::noinline]] void operator delete(void* memory) noexcept {
+  if (memory != nullptr) --tessel::test::allocationsOut;
+  std::free(memory);
+}
+[[gnu::noinline]] void operator delete(void* memory, std::size_t /*size*/) noexcept {
+  operator delete(memory);
+}
+
+#endif

@@ -1,0 +1,119 @@
+// What is kept and what is undone when memory runs out. In a program of its own, since it stands in
+// for the allocation.
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "support/endpoints.h"
+#include "support/failing_allocations.h"
+#include "transport/inproc_endpoints.h"
+#include "transport/work_queue.h"
+#include "transport/zmq_socket.h"
+
+namespace tessel::test {
+namespace {
+
+InprocEndpoints& endpoints() { return InprocEndpoints::instance(); }
+
+// A name that does not fit into a string without memory of its own.
+std::string longInproc() { return uniqueInproc() + std::string(100, 'x'); }
+
+TEST(InprocEndpointsWithoutMemory, ConnectNothingAndKeepNothing) {
+  endpoints().connect(longInproc(), [] {});  // the table has its first memory
+  const std::string name = longInproc();
+  int connects = 0;
+  const std::function<void()> connect = [&] { ++connects; };
+  int allocations = 0;
+  const long before = allocationsOut;
+  while (runsOutOfMemory(allocations, [&] { endpoints().connect(name, connect); })) {
+    EXPECT_EQ(connects, 0);
+    EXPECT_EQ(allocationsOut, before) << allocations;
+    ASSERT_LT(++allocations, 20);
+  }
+  EXPECT_EQ(connects, 1);
+  EXPECT_GT(allocations, 1);
+  EXPECT_EQ(allocationsOut, before);  // nobody is connected any more
+}
+
+TEST(InprocEndpointsWithoutMemory, TellThoseWhoConnectedBefore) {
+  const std::string name = longInproc();
+  const auto first = endpoints().connect(name, [] {});
+  const std::function<void()> connect = [] {};
+  // The second needs none: it shares what the first has.
+  InprocEndpoints::ClosedFlag second;
+  EXPECT_FALSE(runsOutOfMemory(0, [&] { second = endpoints().connect(name, connect); }));
+  endpoints().unbind(name, [] {});
+  EXPECT_TRUE(first->load());
+  EXPECT_TRUE(second->load());
+}
+
+TEST(InprocEndpointsWithoutMemory, BindNothing) {
+  const std::string name = longInproc();
+  int binds = 0;
+  const std::function<bool()> bind = [&] {
+    ++binds;
+    return true;
+  };
+  int allocations = 0;
+  while (runsOutOfMemory(allocations, [&] { endpoints().bind(name, bind); })) {
+    EXPECT_EQ(binds, 0);
+    EXPECT_FALSE(endpoints().isBound(name));
+    ASSERT_LT(++allocations, 20);
+  }
+  EXPECT_EQ(binds, 1);
+  EXPECT_GT(allocations, 0);
+  EXPECT_TRUE(endpoints().isBound(name));
+  endpoints().unbind(name, [] {});
+}
+
+TEST(ZmqSocketWithoutMemory, BindsNothing) {
+  const std::string name = longInproc();
+  ZmqSocket socket(ZMQ_PULL);
+  // The first few are the library's own, before ZeroMQ is called.
+  for (int allocations = 0; allocations < 4; ++allocations) {
+    EXPECT_TRUE(runsOutOfMemory(allocations, [&] { socket.bind(name); })) << allocations;
+    EXPECT_FALSE(endpoints().isBound(name));
+  }
+  ZmqSocket(ZMQ_PULL).bind(name);
+  socket.bind(name);
+  EXPECT_TRUE(endpoints().isBound(name));
+}
+
+TEST(WorkQueueWithoutMemory, RunsOfManyTasksThoseThatThereWasRoomFor) {
+  constexpr int kTasks = 200;  // more than one block of the queue
+  int allocations = 0;
+  bool ranOut = true;
+  for (; ranOut; ++allocations) {
+    std::atomic<int> ran{0};
+    WorkQueue queue(1);
+    std::vector<WorkQueue::Task> tasks(kTasks, [&] { ++ran; });
+    ranOut = runsOutOfMemory(allocations, [&] { queue.pushAll(tasks); });
+    EXPECT_TRUE(queue.waitIdle());  // it counts what it has
+    EXPECT_EQ(ran == kTasks, !ranOut);
+    queue.push([&] { ++ran; });
+    EXPECT_TRUE(queue.waitIdle());
+    ASSERT_LT(allocations, 200);
+  }
+  EXPECT_GT(allocations, 2);
+}
+
+TEST(WorkQueueWithoutMemory, DoesNotCountATaskThatThereWasNoRoomFor) {
+  WorkQueue queue(0);
+  const WorkQueue::Task task = [] {};
+  int pushed = 0;
+  while (!runsOutOfMemory(1, [&] { queue.push(task); })) ASSERT_LT(++pushed, 10000);
+  WorkQueue idle(1);
+  bool ran = false;
+  while (!runsOutOfMemory(0, [&] { idle.push(task); })) ASSERT_TRUE(idle.waitIdle());
+  EXPECT_TRUE(idle.waitIdle());
+  idle.push([&] { ran = true; });
+  EXPECT_TRUE(idle.waitIdle());
+  EXPECT_TRUE(ran);
+}
+
+}  // namespace
+}  // namespace tessel::test
