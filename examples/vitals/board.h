@@ -10,6 +10,7 @@
 #include <string>
 #include <vector>
 
+#include "call_report.h"
 #include "key_difference.h"
 #include "latencies.h"
 #include "names.h"
@@ -54,6 +55,7 @@ struct Picture {
   std::int64_t p50 = 0;        ///< Latency in microseconds.
   std::int64_t p99 = 0;
   std::size_t withdrawn = 0;  ///< Rows whose withdrawal was heard of.
+  CallReport calls;
 };
 
 /// Collects what the subscribers hear, on the dispatcher's threads, for the thread that draws.

@@ -32,8 +32,8 @@ constexpr int kInterrupted = 130;         // the customary status after Ctrl-C
 
 // Asked for all at once, so that they differ.
 Ports freePorts() {
-  std::array<int, 3> sockets{};
-  std::array<int, 3> ports{};
+  std::array<int, 4> sockets{};
+  std::array<int, 4> ports{};
   for (std::size_t i = 0; i < sockets.size(); ++i) {
     sockets[i] = socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
     sockaddr_in address{};
@@ -47,7 +47,7 @@ Ports freePorts() {
     ports[i] = ntohs(address.sin_port);
   }
   for (const int used : sockets) close(used);
-  return {ports[0], ports[1], ports[2]};
+  return {ports[0], ports[1], ports[2], ports[3]};
 }
 
 class Demo {
@@ -58,11 +58,11 @@ class Demo {
     const auto begin = Clock::now();
     const milliseconds headStart = duration ? std::min(kHeadStart, *duration / 2) : kHeadStart;
     const auto timeIsUp = [&] { return duration && Clock::now() - begin >= *duration; };
-    if (startHub() && start(sensor_, "sensor") && pause(headStart) && start(viewer_, "viewer")) {
-      while (allRun() && !timeIsUp() && !stop_.waitFor(kLook)) {
-      }
+    const bool ready =
+        startHub() && start(sensor_, "sensor") && pause(headStart) && start(viewer_, "viewer");
+    while (ready && allRun() && !timeIsUp() && !stop_.waitFor(kLook)) {
     }
-    return end();
+    return end(ready);
   }
 
  private:
@@ -71,7 +71,8 @@ class Demo {
     for (int i = 0; i < kTries; ++i) {
       const Ports ports = wantedPorts_ ? *wantedPorts_ : freePorts();
       arguments_ = {"--ports", std::to_string(ports.pull) + "," + std::to_string(ports.updates) +
-                                   "," + std::to_string(ports.cache)};
+                                   "," + std::to_string(ports.cache) + "," +
+                                   std::to_string(ports.calls)};
       if (start(hub_, "hub")) return true;
       if (wantedPorts_ || hub_->running()) return false;
     }
@@ -121,9 +122,10 @@ class Demo {
 
   // The sensor first, so that it can withdraw what it has published; the viewer hears of that and
   // ends by itself; the hub is needed up to the last.
-  int end() {
+  int end(bool ready) {
+    const bool interrupted = stop_.waitFor(milliseconds(0));
     const bool complete = viewer_ != nullptr;
-    bool good = complete;
+    bool good = ready || (complete && interrupted);
     for (Child* child : children()) {
       const bool endsByItself = child == viewer_.get() && sensor_->succeeded();
       if (!endsByItself) child->ask();
@@ -132,7 +134,7 @@ class Demo {
       ended(*child);
       good = report(*child) && good;
     }
-    if (!complete && stop_.waitFor(milliseconds(0))) return kInterrupted;
+    if (!complete && interrupted) return kInterrupted;
     return good ? 0 : 1;
   }
 

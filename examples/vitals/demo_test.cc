@@ -22,6 +22,7 @@
 namespace {
 
 using testing::Each;
+using testing::ElementsAre;
 using testing::Gt;
 using testing::HasSubstr;
 
@@ -151,6 +152,23 @@ TEST(Demo, EndsByItselfWithASaneSummary) {
   ASSERT_EQ(latency.size(), 3U);
   EXPECT_THAT(latency, Each(Gt(0)));
 
+  const auto called = demo.numbersOf("called");  // right answers
+  ASSERT_EQ(called.size(), 1U);
+  EXPECT_GT(called[0], 1000);
+
+  const auto roundTrip = demo.numbersOf("round trip");  // p50, p99, calls
+  ASSERT_EQ(roundTrip.size(), 3U);
+  EXPECT_THAT(roundTrip, Each(Gt(0)));
+  EXPECT_EQ(roundTrip[2], 1000);
+
+  EXPECT_THAT(demo.numbersOf("errors"), ElementsAre(4));
+  for (const char* error :
+       {"rpc_broker_error   service not found: processes - the moon\n",
+        "rpc_timeout        RPC timeout\n", "rpc_service_error  no such method: reboot\n",
+        "rpc_custom_error   RPC custom error: no process 4194305\n"}) {
+    EXPECT_THAT(demo.text(), HasSubstr(error));
+  }
+
   const auto withdrawn = demo.numbersOf("withdrawn");  // heard of, expected, counted by the hub
   ASSERT_EQ(withdrawn.size(), 3U);
   EXPECT_GE(withdrawn[1], joined[1]);
@@ -218,7 +236,8 @@ TEST(Demo, RefusesWhatItDoesNotKnow) {
                                              {"--seconds", "0"},
                                              {"--seconds", "1x"},
                                              {"--ports", "1,2"},
-                                             {"--ports", "1,2,70000"},
+                                             {"--ports", "1,2,3"},
+                                             {"--ports", "1,2,3,70000"},
                                              {"hubs"},
                                              {"viewer", "--what"}}) {
     RunningDemo demo(arguments);
@@ -226,7 +245,7 @@ TEST(Demo, RefusesWhatItDoesNotKnow) {
   }
   RunningDemo help({"sensor", "--help"});
   EXPECT_EQ(help.wait(), 0);
-  EXPECT_THAT(help.text(), HasSubstr("--ports P,U,C"));
+  EXPECT_THAT(help.text(), HasSubstr("--ports P,U,C,A"));
 }
 
 }  // namespace

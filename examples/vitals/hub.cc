@@ -53,9 +53,13 @@ int runHub(const Options& options, StopSignals& stop) {
   const auto counter = std::make_shared<Counter>();
   broker.attach(counter);
   broker.start();
-  sayReady(options.supervisor, "listens on ports " + std::to_string(ports.pull) + ", " +
-                                   std::to_string(ports.updates) + " and " +
-                                   std::to_string(ports.cache));
+  // Passes calls on to whoever offers the service; it has none itself, and so needs no workers.
+  tessel::RpcBroker calls(true, {endpoint(ports.calls)},
+                          std::make_shared<tessel::ThreadedRpcDispatcher>(0));
+  calls.start();
+  sayReady(options.supervisor,
+           "listens on ports " + std::to_string(ports.pull) + ", " + std::to_string(ports.updates) +
+               ", " + std::to_string(ports.cache) + " and " + std::to_string(ports.calls));
 
   // The hub's own news goes the same way as everybody's. Whoever comes later waits for the next.
   tessel::Publisher news(broker, kHubTopic, kStatisticsTag);
@@ -66,6 +70,7 @@ int runHub(const Options& options, StopSignals& stop) {
     const std::string bytes = encode(statistics);
     news.publish(bytes.data(), bytes.size());
   } while (!stop.waitFor(std::chrono::milliseconds(100)));
+  calls.stop();
   broker.stop();
   return 0;
 }

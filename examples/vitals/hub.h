@@ -6,7 +6,7 @@
 
 namespace vitals {
 
-/// The process that owns the broker. Returns the exit status.
+/// The process that owns the brokers: one for values, one for calls. Returns the exit status.
 int runHub(const Options& options, StopSignals& stop);
 
 }  // namespace vitals

@@ -7,24 +7,25 @@ namespace vitals {
 
 const char kHelp[] = R"(vitals: the vital signs of this machine, live, through three processes
 
-  vitals [--seconds N | --watch] [--default-ports | --ports PULL,UPDATES,CACHE]
+  vitals [--seconds N | --watch] [--default-ports | --ports PULL,UPDATES,CACHE,CALLS]
 
-starts a hub, which owns the broker, and a sensor, which publishes what it reads in /proc. Seconds
-later a viewer joins. It gets the last value of everything at once, shows what changes, and ends
-with a summary. The exit status is 0 if nothing was missed and no process failed.
+starts a hub, which owns the brokers, and a sensor, which publishes what it reads in /proc. Seconds
+later a viewer joins. It gets the last value of everything at once, shows what changes, calls the
+sensor for the processes of the machine, and ends with a summary. The exit status is 0 if nothing
+was missed, every answer and every provoked error was the right one, and no process failed.
 
   --seconds N        end after N seconds (10)
   --watch            go on until Ctrl-C
-  --ports P,U,C      listen on these ports of 127.0.0.1 instead of free ones
-  --default-ports    the same as --ports 9010,9011,9012
+  --ports P,U,C,A    listen on these ports of 127.0.0.1 instead of free ones
+  --default-ports    the same as --ports 9010,9011,9012,9020
 
 Each of the three can be started by hand too, in a terminal of its own, in any order:
 
-  vitals hub         [--ports P,U,C]
-  vitals sensor      [--ports P,U,C]
-  vitals viewer      [--ports P,U,C] [--seconds N]
+  vitals hub         [--ports P,U,C,A]
+  vitals sensor      [--ports P,U,C,A]
+  vitals viewer      [--ports P,U,C,A] [--seconds N]
 
-They use ports 9010, 9011 and 9012 and end with Ctrl-C; a viewer also ends with the sensor.
+They use ports 9010, 9011, 9012 and 9020 and end with Ctrl-C; a viewer also ends with the sensor.
 Colours are left out when NO_COLOR is set; when the output is no terminal, a line a second is shown.
 )";
 
@@ -33,11 +34,11 @@ namespace {
 Ports parsePorts(const std::string& text) {
   Ports ports;
   char rest = 0;
-  const int fields =
-      std::sscanf(text.c_str(), "%5d,%5d,%5d%c", &ports.pull, &ports.updates, &ports.cache, &rest);
-  for (const int port : {ports.pull, ports.updates, ports.cache}) {
-    if (fields != 3 || port < 1 || port > 65535) {
-      throw std::invalid_argument("--ports takes three port numbers, such as 9010,9011,9012");
+  const int fields = std::sscanf(text.c_str(), "%5d,%5d,%5d,%5d%c", &ports.pull, &ports.updates,
+                                 &ports.cache, &ports.calls, &rest);
+  for (const int port : {ports.pull, ports.updates, ports.cache, ports.calls}) {
+    if (fields != 4 || port < 1 || port > 65535) {
+      throw std::invalid_argument("--ports takes four port numbers, such as 9010,9011,9012,9020");
     }
   }
   return ports;

@@ -15,11 +15,13 @@
 #include "hub_statistics.h"
 #include "names.h"
 #include "proc_reader.h"
+#include "process_desk.h"
 
 namespace vitals {
 namespace {
 
 constexpr std::chrono::milliseconds kPeriod{200};
+constexpr std::int64_t kLookPeriod = 1'000'000'000;  // nanoseconds
 
 // Publishes what the reader reads, one Publisher a vital sign.
 class Sensor {
@@ -118,25 +120,37 @@ int runSensor(const Options& options, StopSignals& stop) {
     throw std::runtime_error("there is no hub");
   }
 
+  // Open before anything is published: whoever sees a value can call.
+  ProcessDesk desk(ports);
+  desk.open();
   Sensor sensor(ports);
   bool announced = false;
+  bool silent = false;
+  std::int64_t looked = 0;
   while (!stop.waitFor(kPeriod)) {
     // Without a hub the queue to it would fill up, and publish() would wait for ever.
     if (!hub->heardWithin(std::chrono::seconds(kHubPatience))) {
       throw std::runtime_error("the hub has gone");
     }
-    if (!hub->heardWithin(std::chrono::milliseconds(500))) continue;
+    const bool silentBefore =
+        std::exchange(silent, !hub->heardWithin(std::chrono::milliseconds(500)));
+    if (silent) continue;
+    if (silentBefore) desk.open();  // it may be another one
+    if (now() - looked >= kLookPeriod) desk.look(looked = now());
     const std::size_t count = sensor.publish();
     if (!announced) {
-      sayReady(options.supervisor,
-               "publishes " + std::to_string(count) + " values five times a second");
+      sayReady(options.supervisor, "publishes " + std::to_string(count) +
+                                       " values five times a second, and answers calls");
     }
     announced = true;
   }
 
   sensor.withdraw();
-  if (!announced || echo->waitFor(*hub)) return 0;
-  throw std::runtime_error("the hub did not confirm that the values were withdrawn");
+  if (announced && !echo->waitFor(*hub)) {
+    throw std::runtime_error("the hub did not confirm that the values were withdrawn");
+  }
+  if (desk.close(*hub)) return 0;
+  throw std::runtime_error("the hub did not confirm that the service was withdrawn");
 }
 
 }  // namespace vitals

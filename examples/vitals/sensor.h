@@ -6,7 +6,8 @@
 
 namespace vitals {
 
-/// The process that publishes this machine's vital signs. Returns the exit status.
+/// The process that publishes this machine's vital signs and answers what its processes do. Returns
+/// the exit status.
 int runSensor(const Options& options, StopSignals& stop);
 
 }  // namespace vitals

@@ -48,6 +48,26 @@ std::string describeWithdrawals(const Picture& picture, const std::optional<HubS
          " values and the list of them" + (hub ? "; the hub counted " + count(hub->withdrawn) : "");
 }
 
+std::string describeCalls(const CallReport& calls) {
+  if (!calls.fault.empty()) return calls.fault;
+  return formatCount(calls.right) + " times by way of the hub, and every answer was right";
+}
+
+std::string describeRoundTrip(const CallReport& calls) {
+  return "p50 " + formatMicroseconds(calls.p50) + ", p99 " + formatMicroseconds(calls.p99) +
+         " from call to answer, " + formatCount(calls.timed) + " calls";
+}
+
+std::string describeErrors(const std::vector<CaughtError>& errors) {
+  std::string text = formatCount(errors.size()) + " provoked, each caught as what it is";
+  for (const CaughtError& error : errors) {
+    std::string kind = error.kind;
+    kind.resize(19, ' ');
+    text += "\n               " + kind + error.text;
+  }
+  return text;
+}
+
 }  // namespace
 
 Summary summarize(const Picture& picture, const std::optional<HubStatistics>& hub,
@@ -60,8 +80,12 @@ Summary summarize(const Picture& picture, const std::optional<HubStatistics>& hu
                  line("delivered    ", describeDeliveries(picture.deliveries)) +
                  line("late joiner  ", describeJoin(picture.join)) +
                  line("latency      ", describeLatency(picture)) +
+                 line("called       ", describeCalls(picture.calls)) +
+                 line("round trip   ", describeRoundTrip(picture.calls)) +
+                 line("errors       ", describeErrors(picture.calls.errors)) +
                  line("withdrawn    ", describeWithdrawals(picture, hub, sensorEnded));
   summary.good = hub && picture.join.complete && picture.join.difference.none() &&
+                 picture.calls.fault.empty() &&
                  (!sensorEnded || picture.withdrawn == picture.rows.size());
   return summary;
 }

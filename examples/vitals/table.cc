@@ -19,11 +19,26 @@ constexpr int kWidestGraph = static_cast<int>(Board::kHistory);
 // The rows of one topic under its name.
 struct Panel {
   std::string topic;
-  std::size_t values = 0;  // live ones so far
-  std::vector<const Row*> rows;
+  std::string note;  // at the right of the name
+  std::vector<Row> rows;
   std::size_t hidden = 0;  // rows there is no room for
   int height() const { return 1 + static_cast<int>(rows.size()); }
 };
+
+// What was called for: it has rows like what was published.
+template <typename ReadingOf>
+void add(std::vector<Panel>& panels, const std::string& name, const Processes& processes,
+         const ReadingOf& readingOf) {
+  if (processes.empty()) return;
+  Panel panel{name, "by call", {}, 0};
+  for (const Process& process : processes) {
+    Row row;
+    row.key = name + ":" + process.name + " " + std::to_string(process.id);
+    row.reading = readingOf(process);
+    panel.rows.push_back(row);
+  }
+  panels.push_back(panel);
+}
 
 std::vector<Panel> panelsOf(const Picture& picture) {
   std::vector<Panel> panels;
@@ -34,11 +49,18 @@ std::vector<Panel> panelsOf(const Picture& picture) {
                               [&](const Panel& known) { return known.topic == topic; });
     if (panel == panels.end()) {
       const auto values = picture.topics.find(topic);
-      panels.push_back({topic, values == picture.topics.end() ? 0 : values->second, {}, 0});
+      const std::size_t count = values == picture.topics.end() ? 0 : values->second;
+      panels.push_back({topic, formatCount(count) + " new", {}, 0});
       panel = std::prev(panels.end());
     }
-    panel->rows.push_back(&row);
+    panel->rows.push_back(row);
   }
+  add(panels, "busiest", picture.calls.busiest, [](const Process& process) {
+    return Reading{Unit::Percent, process.cpu, 100, 0};
+  });
+  add(panels, "largest", picture.calls.largest, [](const Process& process) {
+    return Reading{Unit::Bytes, process.memory, 0, 0};
+  });
   return panels;
 }
 
@@ -150,24 +172,23 @@ Columns columnsFor(int width) {
 }
 
 void putTitle(Line& line, const Panel& panel, int left, int width, Look look) {
-  const std::string values = formatCount(panel.values) + " new";
   line.padTo(left).put(panel.topic + " ", Ink::Bold);
   if (panel.hidden > 0) {
     line.put(formatCount(panel.rows.size()) + " of " +
                  formatCount(panel.rows.size() + panel.hidden) + " ",
              Ink::Dim);
   }
-  line.padTo(left + width - columns(values) - 1, look.unicode ? "─" : "-", Ink::Dim);
-  line.put(" ").putRight(left + width, values, Ink::Dim);
+  line.padTo(left + width - columns(panel.note) - 1, look.unicode ? "─" : "-", Ink::Dim);
+  line.put(" ").putRight(left + width, panel.note, Ink::Dim);
 }
 
 void putPanel(std::vector<Line>& body, std::size_t top, const Panel& panel, int left, int width,
               Look look) {
   putTitle(body[top], panel, left, width, look);
   int tagWidth = 0;
-  for (const Row* row : panel.rows) tagWidth = std::max(tagWidth, columns(tagOf(row->key)));
+  for (const Row& row : panel.rows) tagWidth = std::max(tagWidth, columns(tagOf(row.key)));
   tagWidth = std::min(tagWidth, width / 3);
-  for (const Row* row : panel.rows) putRow(body[++top], *row, left, width, tagWidth, look);
+  for (const Row& row : panel.rows) putRow(body[++top], row, left, width, tagWidth, look);
 }
 
 std::vector<Line> drawBody(std::vector<Panel> panels, Size size, int lines, Look look) {
@@ -246,7 +267,10 @@ std::vector<Line> footer(const Picture& picture, const HubStatistics& hub, Size 
   } else {
     third.add("not yet:", "waiting for the sensor");
   }
-  return {first.line(), second.line(), third.line()};
+  Facts fourth("calls", size, look);
+  fourth.add(static_cast<std::int64_t>(picture.calls.right), "answered");
+  fourth.add(time(picture.calls.p50), "p50").add(time(picture.calls.p99), "p99");
+  return {first.line(), second.line(), third.line(), fourth.line()};
 }
 
 }  // namespace
@@ -254,7 +278,7 @@ std::vector<Line> footer(const Picture& picture, const HubStatistics& hub, Size 
 std::vector<std::string> drawTable(const Picture& picture, const std::optional<HubStatistics>& hub,
                                    Size size, Look look) {
   std::vector<Line> lines{headline(picture, size, look), Line(size.width, look.colour)};
-  constexpr int kAround = 6;  // headline, footer and the blank lines next to them
+  constexpr int kAround = 7;  // headline, footer and the blank lines next to them
   const int room = size.height - kAround;
   if (room > 0) {
     for (Line& line : drawBody(panelsOf(picture), size, room, look)) lines.push_back(line);
@@ -273,7 +297,7 @@ std::vector<std::string> drawTable(const Picture& picture, const std::optional<H
 std::string drawLine(const Picture& picture) {
   std::string text;
   for (const Panel& panel : panelsOf(picture)) {
-    const Row& first = *panel.rows[0];
+    const Row& first = panel.rows[0];
     if (panel.topic == "machine") continue;  // the hour is of no interest each second
     text += (text.empty() ? "" : "  ") + panel.topic + " " + tagOf(first.key) + " " +
             format(*first.reading);

@@ -5,6 +5,7 @@
 
 #include "format.h"
 #include "line.h"
+#include "summary.h"
 
 namespace vitals {
 namespace {
@@ -92,6 +93,35 @@ TEST(Table, ShowsNothingOfWhatIsWithdrawn) {
   EXPECT_EQ(drawLine(board.picture()), "net eth0.in 1 B/s");
   board.takeWithdrawal("net:eth0.in");
   EXPECT_EQ(drawLine(board.picture()), "");
+}
+
+TEST(Table, ShowsWhatWasCalledFor) {
+  Picture picture = machine(1, 0);
+  picture.calls.busiest = {{17, 0, 0, 93, 0, "compiler"}, {18, 0, 0, 2, 0, "shell"}};
+  picture.calls.largest = {{19, 0, 0, 0, 4.2e8, "editor"}};
+  picture.calls.right = 1234;
+  std::string all;
+  for (const std::string& line : drawTable(picture, HubStatistics(), {80, 40}, {})) {
+    all += line + "\n";
+  }
+  for (const char* part : {"busiest --", " by call", "compiler 17", "93 %", "shell 18",
+                           "largest --", "editor 19", "420 MB", "1,234 answered"}) {
+    EXPECT_THAT(all, HasSubstr(part));
+  }
+  EXPECT_THAT(drawLine(picture), HasSubstr("busiest compiler 17 93 %  largest editor 19 420 MB"));
+}
+
+TEST(Summary, IsBadWithAFaultOfACall) {
+  Picture picture;
+  picture.join.complete = true;
+  picture.calls.right = 5;
+  const Summary good = summarize(picture, HubStatistics(), true);
+  EXPECT_TRUE(good.good);
+  EXPECT_THAT(good.text, HasSubstr("\n  called       5 times"));
+  picture.calls.fault = "wrong answer: 43";
+  const Summary bad = summarize(picture, HubStatistics(), true);
+  EXPECT_FALSE(bad.good);
+  EXPECT_THAT(bad.text, HasSubstr("\n  called       wrong answer: 43"));
 }
 
 TEST(Format, ChoosesHandyUnits) {
