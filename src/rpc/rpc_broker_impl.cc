@@ -16,9 +16,11 @@
 namespace tessel {
 namespace {
 
-std::atomic<std::uint64_t> nextBroker{0};
-
 constexpr std::string_view kRouterEndpoint = "inproc://rpc_reply_in_";
+
+std::string routerEndpointOf(std::uint64_t number) {
+  return std::string(kRouterEndpoint) + std::to_string(number);
+}
 
 constexpr int kNoHighWaterMark = 0;
 
@@ -52,10 +54,8 @@ void LocalRoad::close() {
 RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transports,
                              std::shared_ptr<RpcDispatcher> dispatcher)
     : master_(master),
-      id_(nextBroker.fetch_add(1)),
-      routerEndpoint_(master ? std::string(kRouterEndpoint) + std::to_string(id_)
-                             : onlyTransport(transports)),
-      internalEndpoint_("inproc://rpc_broker_internal_" + std::to_string(id_)),
+      routerEndpoint_(master ? routerEndpointOf(number_.value()) : onlyTransport(transports)),
+      internalEndpoint_("inproc://rpc_broker_internal_" + std::to_string(number_.value())),
       mainSocket_(master ? ZMQ_ROUTER : ZMQ_DEALER),
       internalSocket_(ZMQ_PULL),
       poll_(master
@@ -67,12 +67,13 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
   if (master_) {
     for (const std::string& transport : transports) mainSocket_.bind(transport);
     mainSocket_.bind(routerEndpoint_);
-    return;
+  } else {
+    mainSocket_.liftSendLimit();  // announcements wait for the master
+    mainSocket_.connect(routerEndpoint_);
+    internalSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);  // registering never waits
+    internalSocket_.bind(internalEndpoint_);
   }
-  mainSocket_.liftSendLimit();  // announcements wait for the master
-  mainSocket_.connect(routerEndpoint_);
-  internalSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);  // registering never waits
-  internalSocket_.bind(internalEndpoint_);
+  number_.settle();
 }
 
 RpcBrokerImpl::~RpcBrokerImpl() {
@@ -82,8 +83,11 @@ RpcBrokerImpl::~RpcBrokerImpl() {
 
 bool RpcBrokerImpl::isRetired(const std::string& endpoint) {
   if (endpoint.compare(0, kRouterEndpoint.size(), kRouterEndpoint) != 0) return false;
-  const std::uint64_t id = std::strtoull(endpoint.c_str() + kRouterEndpoint.size(), nullptr, 10);
-  return id < nextBroker && !InprocEndpoints::instance().isBound(endpoint);
+  const std::uint64_t number =
+      std::strtoull(endpoint.c_str() + kRouterEndpoint.size(), nullptr, 10);
+  // In this order: whoever has settled has bound before.
+  return endpoint == routerEndpointOf(number) && BrokerNumber::isSettled(number) &&
+         !InprocEndpoints::instance().isBound(endpoint);
 }
 
 void RpcBrokerImpl::closeRetired(ThreadSocketCache& sockets, const std::string& endpoint) {

@@ -11,6 +11,7 @@
 
 #include "messages/message_header.h"
 #include "messages/message_request.h"
+#include "rpc/broker_number.h"
 #include "rpc/observer_data.h"
 #include "rpc/service_key.h"
 #include "tessel/rpc_dispatcher.h"
@@ -101,7 +102,7 @@ class RpcBrokerImpl {
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
-  const std::uint64_t id_;
+  BrokerNumber number_;
   const std::string routerEndpoint_;
   const std::string internalEndpoint_;
 

@@ -184,6 +184,11 @@ inline Frames registration(bool offered, const std::string& service, const std::
   return {"", "RS02", "\x02", offered ? "\x01" : bytes("\0", 1), service, instance};
 }
 
+/// The answer of a service as it arrives at a DEALER.
+inline Frames result(const std::string& data) {
+  return {"", "RS02", "\x01", bytes("\0", 1), bytes("\0", 1), data};
+}
+
 /// A master as a bare ROUTER: what slaves announce, as it stands on the wire. It reads
 /// registrations only; one thread at a time.
 class RawMaster {
