@@ -77,15 +77,24 @@ class TESSEL_EXPORT RpcBroker {
   /// Starts the dispatcher and the broker's thread; does nothing when they run. A slave announces
   /// its services. Throws what the dispatcher's start() throws.
   ///
+  /// Waits for a stop() under way, except on a thread that the stop may be waiting for: in an
+  /// observer on the broker's thread, in a service that the dispatcher runs, or in an observer of
+  /// such a call. There it does nothing.
+  ///
   /// @throws std::system_error when there is no thread to be had; the broker is then as it was
   void start();
   /// Waits for the broker's thread to end, then stops the dispatcher. A slave withdraws its
   /// services from the master. Does nothing when the broker does not run, whatever the flags say.
   ///
+  /// Not from a service that a worker of a ThreadedRpcDispatcher runs: a worker cannot wait for
+  /// itself, and the process ends.
+  ///
   /// @param clearServices releases every service, and forgets those of slaves
   /// @param clearObservers detaches every observer after that
   /// @throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
   ///     broker's thread; the thread then ends, and a stop() from another thread completes the stop
+  /// @throws std::system_error the same, when a service that the dispatcher runs, or an observer of
+  ///     such a call, calls it while another thread is in stop(); nothing else happens then
   void stop(bool clearServices = false, bool clearObservers = false);
 
  private:

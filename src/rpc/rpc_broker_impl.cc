@@ -2,6 +2,7 @@
 
 #include <zmq.h>
 
+#include <chrono>
 #include <cstdlib>
 #include <stdexcept>
 #include <string_view>
@@ -32,6 +33,22 @@ const std::string& onlyTransport(const std::vector<std::string>& transports) {
   }
   return transports.front();
 }
+
+[[noreturn]] void throwDeadlock() {
+  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+}
+
+// True while it exists.
+class Raised {
+ public:
+  explicit Raised(std::atomic<bool>& flag) : flag_(flag) { flag_ = true; }
+  ~Raised() { flag_ = false; }
+  Raised(const Raised&) = delete;
+  Raised& operator=(const Raised&) = delete;
+
+ private:
+  std::atomic<bool>& flag_;
+};
 
 // Peers are trusted not to send what has no business here; going on would mean to guess.
 [[noreturn]] void throwUnexpected() { throw std::logic_error("this should not happen"); }
@@ -151,8 +168,26 @@ void RpcBrokerImpl::closeRegistry() {
   serving_ = false;
 }
 
+// A service, or an observer, must not wait for a stop() of another thread, which waits for it.
+// False when there is one. The analysis does not follow a lock that is taken on one way and not on
+// others.
+bool RpcBrokerImpl::enterLifecycle() {
+  if (!RpcRequestImpl::runsOnThisThread(observers_)) {
+    lifecycleMutex_.lock();
+    return true;
+  }
+  while (!stopping_) {
+    if (lifecycleMutex_.tryLock()) return true;
+    std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  }
+  return false;
+}
+
 void RpcBrokerImpl::start() {
-  const Lock lock(lifecycleMutex_);
+  // From an observer: it runs, and who holds the lock may be waiting for this thread to end.
+  if (threadId_ == std::this_thread::get_id()) return;
+  if (!enterLifecycle()) return;  // as if it came just before that stop
+  const Lock lock(lifecycleMutex_, std::adopt_lock);
   if (thread_.joinable()) return;
   dispatcher_->start();
   stopRequested_ = false;
@@ -170,11 +205,13 @@ void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
   if (threadId_ == std::this_thread::get_id()) {
     // Without the lock: another thread may hold it, waiting for this one to end.
     stopRequested_ = true;
-    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+    throwDeadlock();
   }
   Services released;  // after the locks: their destructors may call the broker
-  const Lock lock(lifecycleMutex_);
+  if (!enterLifecycle()) throwDeadlock();
+  const Lock lock(lifecycleMutex_, std::adopt_lock);
   if (!thread_.joinable()) return;
+  const Raised stopping(stopping_);
   closeRegistry();
   joinThread();
   dispatcher_->stop();

@@ -99,6 +99,7 @@ class RpcBrokerImpl {
       TESSEL_REQUIRES(registryMutex_);
   ServiceKeys openRegistry() TESSEL_EXCLUDES(registryMutex_);
   void closeRegistry() TESSEL_EXCLUDES(registryMutex_);
+  bool enterLifecycle() TESSEL_TRY_ACQUIRE(true, lifecycleMutex_) TESSEL_NO_THREAD_SAFETY_ANALYSIS;
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
@@ -114,6 +115,7 @@ class RpcBrokerImpl {
 
   Mutex lifecycleMutex_;  // orders start() and stop(); taken before the registry's lock
   std::thread thread_ TESSEL_GUARDED_BY(lifecycleMutex_);  // joinable until a stop() has joined it
+  std::atomic<bool> stopping_{false};                      // set under lifecycleMutex_ only
   std::atomic<std::thread::id> threadId_{};                // set by the broker thread while it runs
   std::atomic<bool> stopRequested_{false};
   ZmqEvent stopEvent_;  // signalled and consumed under lifecycleMutex_ only

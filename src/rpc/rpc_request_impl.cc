@@ -17,6 +17,35 @@ bool brokerHasGone(const std::string& replyEndpoint) {
          !InprocEndpoints::instance().isBound(replyEndpoint);
 }
 
+// The requests that a thread is executing: a service may execute others.
+class Execution {
+ public:
+  explicit Execution(const std::weak_ptr<ObserverData>& observers)
+      : observers_(observers), outer_(innermost) {
+    innermost = this;
+  }
+  ~Execution() { innermost = outer_; }
+  Execution(const Execution&) = delete;
+  Execution& operator=(const Execution&) = delete;
+
+  static bool isUnderWay(const std::shared_ptr<ObserverData>& observers) {
+    for (const Execution* each = innermost; each != nullptr; each = each->outer_) {
+      if (!each->observers_.owner_before(observers) && !observers.owner_before(each->observers_)) {
+        return true;
+      }
+    }
+    return false;
+  }
+
+ private:
+  static thread_local const Execution* innermost;
+
+  const std::weak_ptr<ObserverData>& observers_;
+  const Execution* const outer_;
+};
+
+thread_local const Execution* Execution::innermost = nullptr;
+
 }  // namespace
 
 RpcRequestImpl::RpcRequestImpl(std::weak_ptr<ObserverData> observers,
@@ -34,7 +63,12 @@ std::string RpcRequestImpl::getInstanceName() const { return request_->instanceN
 
 std::string RpcRequestImpl::getMethodName() const { return request_->methodName(); }
 
+bool RpcRequestImpl::runsOnThisThread(const std::shared_ptr<ObserverData>& observers) {
+  return Execution::isUnderWay(observers);
+}
+
 void RpcRequestImpl::execute() {
+  const Execution execution(observers_);
   ThreadSocketCache& sockets = ThreadSockets::ofThisThread().replies;
   // Made before the service runs: a call that could not be answered is not begun.
   if (!brokerHasGone(replyEndpoint_)) sockets.socketFor(replyEndpoint_);

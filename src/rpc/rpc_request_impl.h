@@ -26,6 +26,10 @@ class RpcRequestImpl : public RpcRequest {
   std::string getMethodName() const override;
   void execute() override;
 
+  /// Whether the calling thread is executing a request of the broker with these observers: it is in
+  /// a service of that broker, or in an observer of the call.
+  static bool runsOnThisThread(const std::shared_ptr<ObserverData>& observers);
+
  private:
   void answer(std::optional<MessageReply>& reply) const;
   void callService(Service& service, const ServiceCall& call,

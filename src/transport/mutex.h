@@ -14,6 +14,7 @@ namespace tessel {
 class TESSEL_CAPABILITY("mutex") Mutex {
  public:
   void lock() TESSEL_ACQUIRE() { mutex_.lock(); }
+  bool tryLock() TESSEL_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
   void unlock() TESSEL_RELEASE() { mutex_.unlock(); }
 
  private:
@@ -24,6 +25,7 @@ class TESSEL_CAPABILITY("mutex") Mutex {
 class TESSEL_SCOPED_CAPABILITY Lock {
  public:
   explicit Lock(Mutex& mutex) TESSEL_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
+  Lock(Mutex& mutex, std::adopt_lock_t) TESSEL_REQUIRES(mutex) : mutex_(mutex) {}
   ~Lock() TESSEL_RELEASE() { mutex_.unlock(); }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
