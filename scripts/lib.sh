@@ -6,7 +6,8 @@ logs=$root/build/logs
 # Debian packages: to build everything, and to check it as well.
 build_packages=(cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
   ninja-build pkg-config)
-check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev)
+check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev
+  python3-zmq)
 analysis_packages=("${check_packages[@]}" clang-tidy clang-tools-14 cppcheck)
 
 say() { printf '%s\n' "$*"; }

@@ -69,7 +69,8 @@ class ChildProcess {
     if (input_ >= 0) close(input_);
     input_ = -1;
   }
-  void kill() { ::kill(pid_, SIGKILL); }
+  void kill() { signal(SIGKILL); }
+  void signal(int number) { ::kill(pid_, number); }
   /// Its status as waitpid() gives it; killed first if it does not end within the patience.
   int wait() {
     const bool inTime = eventually([&] {
