@@ -361,35 +361,6 @@ TEST(WorkQueue, WithIdleWorkersEndsAtOnce) {
   for (int round = 0; round < 100; ++round) const WorkQueue queue(3);
 }
 
-TEST(WorkQueue, EndsAfterTheRunningTasksAndDestroysTheQueuedOnesUnrun) {
-  HeldTask first;
-  HeldTask second;
-  std::atomic<int> ran{0};
-  std::atomic<int> destroyed{0};
-  std::atomic<bool> ended{false};
-  auto queue = std::make_unique<WorkQueue>(2);
-  queue->push(first.task());
-  queue->push(second.task());
-  ASSERT_TRUE(first.waitUntilBegun());
-  ASSERT_TRUE(second.waitUntilBegun());
-  for (int i = 0; i < 50; ++i) {
-    queue->push([&, held = std::make_shared<Ending>([&] { ++destroyed; })] { ++ran; });
-  }
-  std::thread ending([&] {
-    queue.reset();
-    ended = true;
-  });
-  EXPECT_FALSE(eventually([&] { return ended.load(); }, kWhile));
-  first.letGo();
-  EXPECT_FALSE(eventually([&] { return ended.load(); }, kWhile));
-  second.letGo();
-  ending.join();
-  EXPECT_TRUE(first.done());
-  EXPECT_TRUE(second.done());
-  EXPECT_EQ(ran.load(), 0);
-  EXPECT_EQ(destroyed.load(), 50);
-}
-
 TEST(WorkQueue, WithoutThreadsDestroysItsTasksUnrun) {
   int destroyed = 0;
   bool ran = false;
