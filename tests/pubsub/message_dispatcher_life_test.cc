@@ -648,14 +648,6 @@ TEST_F(DispatcherLife, IsAsItWasWhenThereAreNoThreadsToBeHad) {
   EXPECT_EQ(subscriber->journal.lines(), Lines{"value 1"});
 }
 
-std::set<int> threadNumbers() {
-  std::set<int> numbers;
-  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
-    numbers.insert(std::stoi(task.path().filename()));
-  }
-  return numbers;
-}
-
 TEST_F(DispatcherLife, GoesOnWhenSignalsInterruptIt) {
   struct sigaction action = {};
   action.sa_handler = [](int) {};  // without SA_RESTART

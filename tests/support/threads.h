@@ -8,6 +8,7 @@
 #include <filesystem>
 #include <fstream>
 #include <iterator>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -22,6 +23,15 @@ inline int thisThread() { return static_cast<int>(::syscall(SYS_gettid)); }
 inline int threadCount() {
   const std::filesystem::directory_iterator tasks("/proc/self/task");
   return static_cast<int>(std::distance(begin(tasks), end(tasks)));
+}
+
+/// The kernel's numbers of the threads of this process.
+inline std::set<int> threadNumbers() {
+  std::set<int> numbers;
+  for (const auto& task : std::filesystem::directory_iterator("/proc/self/task")) {
+    numbers.insert(std::stoi(task.path().filename()));
+  }
+  return numbers;
 }
 
 /// Waits until a thread has slept for a while, as one does that waits for a lock, a join or a
