@@ -6,6 +6,7 @@
 #include <unordered_set>
 
 #include "support/broker_peers.h"
+#include "support/resources.h"
 
 namespace tessel::test {
 namespace {
@@ -147,6 +148,21 @@ TEST(BrokerThatIsQuiet, LetsGoOfCacheSubscribersThatHaveGone) {
   MessageBroker broker({}, {}, {cache});
   broker.start();
   expectSubscribersComeAndGo(cache);
+}
+
+// It polls now and then also while messages wait, as they do here all the time: otherwise its PUB
+// socket, on which these repeats are not passed on, would not hear of who has gone.
+TEST(BrokerThatIsBusy, LetsGoOfLiveSubscribersThatHaveGone) {
+  HandServedBroker at;
+  at.broker.detach(at.observer);
+  at.publish("t", "g", "", kCached);
+  at.in.send(publication("t", "g", "", kCached));
+  const int before = openDescriptors();
+  RawPeer(ZMQ_SUB).connect(at.updatesEndpoint).subscribe("t:g");
+  EXPECT_TRUE(eventually([&] {
+    for (int i = 0; i < 300; ++i) at.publish("t", "g", "", kCached);
+    return openDescriptors() == before;
+  }));
 }
 
 // Nobody publishes, so the broker learns of the subscription only if it listens to all sockets.

@@ -1,0 +1,153 @@
+// That the broker's and the dispatcher's threads do not try to survive a socket that fails them. In
+// a program of its own, since it stands in for functions of libzmq.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <tessel/message_broker.h>
+#include <tessel/message_dispatcher.h>
+#include <zmq.h>
+
+#include <atomic>
+#include <cerrno>
+#include <csignal>
+#include <string>
+#include <thread>
+
+#include "support/broker_peers.h"
+#include "support/raw_broker.h"
+
+namespace {
+
+// The calls that fail while it is armed: those of one function, on sockets of one type, on every
+// thread but the test's own.
+struct Failure {
+  const char* function = "";
+  int socketType = -1;  // -1: whatever is polled
+  int error = 0;
+};
+Failure failure;
+std::atomic<bool> armed{false};
+const std::thread::id testThread = std::this_thread::get_id();
+
+int typeOf(void* socket) {
+  int type = -1;
+  size_t size = sizeof type;
+  zmq_getsockopt(socket, ZMQ_TYPE, &type, &size);
+  return type;
+}
+
+bool fails(const char* function, void* socket) {
+  if (!armed || failure.function != std::string(function)) return false;
+  if (std::this_thread::get_id() == testThread) return false;
+  if (socket != nullptr && typeOf(socket) != failure.socketType) return false;
+  errno = failure.error;
+  return true;
+}
+
+template <typename Function>
+Function real(const char* name, Function /*standIn*/) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
+  if (fails("zmq_poll", nullptr)) return -1;
+  return real("zmq_poll", &zmq_poll)(items, count, timeout);
+}
+int zmq_setsockopt(void* socket, int option, const void* value, size_t size) {
+  if (fails("zmq_setsockopt", socket)) return -1;
+  return real("zmq_setsockopt", &zmq_setsockopt)(socket, option, value, size);
+}
+int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
+  if (fails("zmq_msg_send", socket)) return -1;
+  return real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
+}
+int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
+  if (fails("zmq_msg_recv", socket)) return -1;
+  return real("zmq_msg_recv", &zmq_msg_recv)(message, socket, flags);
+}
+
+}  // extern "C"
+
+namespace tessel::test {
+namespace {
+
+void arm(const Failure& chosen) {
+  failure = chosen;
+  armed = true;
+}
+
+class PubsubFailureDeathTest : public ::testing::Test {
+ protected:
+  PubsubFailureDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+// Everything that a broker does: it is published and subscribed to, and has a value to replay.
+void runBroker(const Failure& chosen) {
+  const std::string cache = uniqueInproc();
+  MessageBroker broker({}, {}, {cache});
+  RawPeer in(ZMQ_PUSH);
+  in.connect(broker.getInprocPullTransport()).send(publication("t", "g", "1", 1));
+  RawPeer cached(ZMQ_SUB);
+  cached.connect(cache).subscribe("t:g");
+  arm(chosen);
+  broker.start();
+  eventually([] { return false; });  // it is over long before
+}
+
+TEST_F(PubsubFailureDeathTest, OnABrokersThreadEndsTheProcess) {
+  for (const Failure& chosen :
+       {Failure{"zmq_poll", -1, EFAULT}, Failure{"zmq_msg_recv", ZMQ_PULL, ENOTSOCK},
+        Failure{"zmq_msg_recv", ZMQ_XPUB, ENOTSOCK}, Failure{"zmq_msg_send", ZMQ_PUB, ENOTSOCK},
+        Failure{"zmq_msg_send", ZMQ_PUB, EAGAIN}, Failure{"zmq_msg_send", ZMQ_XPUB, ENOTSOCK}}) {
+    EXPECT_EXIT(runBroker(chosen), ::testing::KilledBySignal(SIGABRT), zmq_strerror(chosen.error))
+        << chosen.function << " of type " << chosen.socketType;
+  }
+}
+
+void replay(const Failure& chosen) {
+  const std::string cache = uniqueInproc();
+  MessageBroker broker({}, {}, {cache});
+  const auto observer = std::make_shared<RecordingBrokerObserver>();
+  broker.attach(observer);
+  broker.start();
+  RawPeer in(ZMQ_PUSH);
+  in.connect(broker.getInprocPullTransport()).send(publication("t", "g", "1", 1));
+  observer->journal.waitFor(1);
+  arm(chosen);
+  RawPeer cached(ZMQ_SUB);
+  cached.connect(cache).subscribe("t:g");
+  eventually([] { return false; });
+}
+
+TEST_F(PubsubFailureDeathTest, OfAReplayEndsTheProcess) {
+  EXPECT_EXIT(replay({"zmq_msg_send", ZMQ_XPUB, ENOTSOCK}), ::testing::KilledBySignal(SIGABRT),
+              zmq_strerror(ENOTSOCK));
+}
+
+void runDispatcher(const Failure& chosen) {
+  const RawBroker broker;
+  MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  const auto subscriber =
+      std::make_shared<RecordingSubscriber>(SubscriptionMode::AllValues, "t", "");
+  arm(chosen);
+  dispatcher.start();
+  dispatcher.registerSubscriber(subscriber);
+  eventually([] { return false; });
+}
+
+TEST_F(PubsubFailureDeathTest, OnADispatchersThreadEndsTheProcess) {
+  for (const Failure& chosen :
+       {Failure{"zmq_poll", -1, EFAULT}, Failure{"zmq_msg_recv", ZMQ_SUB, ENOTSOCK},
+        Failure{"zmq_msg_recv", ZMQ_PAIR, ENOTSOCK}, Failure{"zmq_setsockopt", ZMQ_SUB, ENOMEM}}) {
+    EXPECT_EXIT(runDispatcher(chosen), ::testing::KilledBySignal(SIGABRT),
+                zmq_strerror(chosen.error))
+        << chosen.function << " of type " << chosen.socketType;
+  }
+}
+
+}  // namespace
+}  // namespace tessel::test
