@@ -506,7 +506,9 @@ TEST_F(DispatcherDelivery, RunsTheCallbacksOfASubscriberRegisteredTwiceInParalle
   EXPECT_EQ(met, 2);
 }
 
-TEST_F(DispatcherDelivery, RunsNoMoreCallbacksAtOnceThanThereAreWorkers) {
+TEST_F(DispatcherDelivery, RunsAsManyCallbacksAtOnceAsThereAreWorkersAndNoMore) {
+  MeetingPoint rounds[] = {MeetingPoint(4), MeetingPoint(4), MeetingPoint(4)};
+  std::atomic<int> begun{0};
   std::atomic<int> running{0};
   std::atomic<int> most{0};
   std::atomic<int> calls{0};
@@ -517,36 +519,35 @@ TEST_F(DispatcherDelivery, RunsNoMoreCallbacksAtOnceThanThereAreWorkers) {
       const int now = ++running;
       for (int seen = most; seen < now && !most.compare_exchange_weak(seen, now);) {
       }
-      std::this_thread::sleep_for(std::chrono::milliseconds(2));
+      calls += rounds[begun++ / 4].meet();
       --running;
-      ++calls;
     }));
     subscribe(broker.cache, subscribers.back(), "t:default");
   }
   broker.cache.send(valueMessage("t:default", "1"));
   settle();
   EXPECT_EQ(calls, 12);
-  EXPECT_LE(most, 4);
+  EXPECT_EQ(most, 4);
 }
 
 // Callbacks of one value may overlap, those of different values never, whatever the sockets.
 TEST_F(DispatcherDelivery, EndsWithOneValueBeforeTheNext) {
   constexpr int kRounds = 100;
   std::mutex mutex;
+  std::condition_variable changed;
+  std::multiset<std::string> begun;
   std::multiset<std::string> running;
-  std::atomic<int> overlaps{0};
-  std::atomic<int> calls{0};
+  int overlaps = 0;
   const auto call = [&](const void* data, std::size_t size) {
     const std::string value(static_cast<const char*>(data), size);
-    {
-      const std::lock_guard<std::mutex> lock(mutex);
-      running.insert(value);
-    }
-    std::this_thread::sleep_for(std::chrono::microseconds(100));
-    const std::lock_guard<std::mutex> lock(mutex);
+    std::unique_lock<std::mutex> lock(mutex);
+    begun.insert(value);
+    running.insert(value);
+    changed.notify_all();
+    // None returns before all three have begun, so that others have the time to begin wrongly.
+    EXPECT_TRUE(changed.wait_for(lock, kPatience, [&] { return begun.count(value) == 3; }));
     if (running.count(value) != running.size()) ++overlaps;
     running.erase(running.find(value));
-    ++calls;
   };
   std::vector<std::shared_ptr<Subscriber>> subscribers;
   start();
@@ -561,7 +562,8 @@ TEST_F(DispatcherDelivery, EndsWithOneValueBeforeTheNext) {
     broker.updates.send(valueMessage("t:default", "updates " + std::to_string(i)));
   }
   settle();
-  EXPECT_EQ(calls, kRounds * 6);
+  const std::lock_guard<std::mutex> lock(mutex);
+  EXPECT_EQ(begun.size(), kRounds * 6U);
   EXPECT_EQ(overlaps, 0);
 }
 

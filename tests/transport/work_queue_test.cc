@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support/deadline.h"
+#include "support/threads.h"
 
 namespace tessel::test {
 namespace {
@@ -83,12 +84,29 @@ TEST(WorkQueue, WithOneWorkerRunsTasksInOrderOneAtATime) {
   EXPECT_EQ(most, 1);
 }
 
+// A queue that knows its threads.
+class WatchedQueue {
+ public:
+  explicit WatchedQueue(std::size_t threads) : queue_(threads), workers_(threadNumbers()) {
+    for (const int thread : before_) workers_.erase(thread);
+  }
+  WorkQueue& queue() { return queue_; }
+  void waitUntilAsleep() const {
+    for (const int worker : workers_) test::waitUntilAsleep(worker);
+  }
+
+ private:
+  const std::set<int> before_ = threadNumbers();
+  WorkQueue queue_;
+  std::set<int> workers_;
+};
+
 TEST(WorkQueue, WithSeveralWorkersRunsAsManyTasksAtOnce) {
   constexpr int kWorkers = 4;
-  WorkQueue queue(kWorkers);
+  WatchedQueue watched(kWorkers);
+  WorkQueue& queue = watched.queue();
   for (int round = 0; round < 20; ++round) {
-    // Every other time the workers have gone to sleep.
-    if (round % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (round % 2 == 0) watched.waitUntilAsleep();
     std::atomic<int> here{0};
     std::atomic<bool> allMet{true};
     for (int i = 0; i < kWorkers; ++i) {
@@ -205,10 +223,10 @@ TEST(WorkQueue, PushAllOfNothingIsNothing) {
 
 TEST(WorkQueue, PushAllWakesAsManyWorkersAsThereAreTasks) {
   constexpr std::size_t kWorkers = 3;
-  WorkQueue queue(kWorkers);
+  WatchedQueue watched(kWorkers);
+  WorkQueue& queue = watched.queue();
   for (int round = 0; round < 20; ++round) {
-    // Every other time the workers have gone to sleep.
-    if (round % 2 == 0) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    if (round % 2 == 0) watched.waitUntilAsleep();
     std::atomic<std::size_t> here{0};
     std::atomic<bool> allMet{true};
     std::vector<WorkQueue::Task> tasks(kWorkers, [&] {
