@@ -24,8 +24,9 @@ class TESSEL_EXPORT MessageBroker {
   /// Binds every endpoint, and one in-process endpoint besides, so that peers can connect and queue
   /// messages before start(). A list may be empty.
   ///
-  /// If this process has closed a broker within the last second, it waits up to 100 ms for an
-  /// endpoint in use: ZeroMQ gives endpoints back in the background.
+  /// ZeroMQ gives endpoints back in the background. So if this process has closed any bound socket
+  /// within the last second, as a broker or a dispatcher does that is destroyed, it waits up to
+  /// 100 ms for an endpoint in use.
   ///
   /// @param pullTransports where publishers connect
   /// @param updatesTransports where dispatchers receive live values

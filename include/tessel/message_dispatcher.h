@@ -125,7 +125,9 @@ class TESSEL_EXPORT MessageDispatcher {
   /// @param updatesTransport one of the broker's updates transports; serves
   ///     SubscriptionMode::NewValues and every MultiSubscriber
   /// @param cacheTransport one of its cache transports; serves the other modes
-  /// @param workerCount how many threads run the callbacks; with 0 none ever runs
+  /// @param workerCount how many threads run the callbacks. With 0 none ever runs, and once a value
+  ///     has come that somebody is registered for, the dispatcher takes one more and then neither
+  ///     values nor registrations until it is stopped
   /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, its name
   ///     being wrong, or when the process has no socket left
   MessageDispatcher(const std::string& updatesTransport = "tcp://localhost:9011",
@@ -161,10 +163,14 @@ class TESSEL_EXPORT MessageDispatcher {
   /// @throws std::system_error when there are no threads to be had; the dispatcher is then as it
   ///     was
   void start();
-  /// Waits for the running callbacks and ends the threads; callbacks not yet begun are dropped.
+  /// Waits for the running callbacks and ends the threads; callbacks not yet begun are dropped, and
+  /// with them a value that was received and waits for those of the value before. Others that have
+  /// arrived by then are for the next start(); nothing that is published in between arrives.
   /// Does nothing when the dispatcher does not run, whatever the flag says.
   ///
-  /// @param clearSubscriptions forgets the registrations, which otherwise stay for the next start()
+  /// @param clearSubscriptions forgets the registrations, which otherwise stay for the next
+  /// start();
+  ///     those that the dispatcher's thread has not seen yet stay in any case
   void stop(bool clearSubscriptions = false);
 
  private:

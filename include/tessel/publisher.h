@@ -46,8 +46,11 @@ class TESSEL_EXPORT Publisher {
   /// @throws std::invalid_argument when the topic or the tag contains a colon
   Publisher(const MessageBroker& broker, const std::string& topic, const std::string& tag);
   /// Withdraws the value if enableUnpublishOnDestruction() or enableClearCacheOnDestruction() is
-  /// on; waits as unpublish() does, but not for a broker of this process that has gone. An error
-  /// while doing so ends the process.
+  /// on, as unpublish() does: it waits while the queue to a broker is full, for one of another
+  /// process also when nobody is there. But it gives up on a broker of this process that has gone.
+  /// An error while doing so ends the process.
+  ///
+  /// Otherwise it does nothing. What was published is on its way, and not the publisher's any more.
   virtual ~Publisher();
   /// Not copied, nor moved.
   Publisher(const Publisher&) = delete;
@@ -59,8 +62,12 @@ class TESSEL_EXPORT Publisher {
   ///
   /// @param data the bytes; they are copied
   /// @param size how many bytes; none is a value, too
-  /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, now or
-  ///     before on this thread; brokers earlier in the list have the value then
+  /// Whatever it throws, brokers earlier in the list have the value.
+  ///
+  /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, its name
+  ///     being wrong: at the first attempt of this thread, and from then on without another; when
+  ///     the process has no socket left, in which case the next call tries again; and when there is
+  ///     no memory for the message
   void publish(const void* data, std::size_t size) const;
 
   /// Withdraws the value: subscribers get onDeletion. While the cache is enabled, the broker also
@@ -69,6 +76,8 @@ class TESSEL_EXPORT Publisher {
   /// @throws std::runtime_error as publish() does
   void unpublish() const;
   /// Another name for unpublish().
+  ///
+  /// @throws std::runtime_error as publish() does
   void removeFromCache();
 
   /// Whether brokers keep the value for those who subscribe later. On at first.

@@ -2,6 +2,7 @@
 
 #include <cstdint>
 #include <stdexcept>
+#include <utility>
 
 #include "messages/message_publish.h"
 #include "messages/message_unpublish.h"
@@ -71,7 +72,7 @@ class PublisherImpl {
   }
 
   // A broker of this process that has gone, with a queue full of what it never read, must not hold
-  // up a destructor: nobody else will ever take its numbered endpoint.
+  // up a destructor: its endpoint is free for ever if it is a numbered one, and perhaps otherwise.
   void unpublishUnlessAbandoned() const {
     for (const std::string& transport : transports) {
       withdrawal().sendUnlessAbandoned(socketFor(transport));
