@@ -240,8 +240,9 @@ void ZmqSocket::reconnect() {
 void ZmqSocket::releaseOrphans(const std::string& endpoint) {
   ZmqSocket taker(ZMQ_ROUTER);  // closing it ends those it has taken over
   InprocEndpoints::instance().releaseOrphans(endpoint, [&] {
-    if (zmq_bind(taker.handle_, endpoint.c_str()) == 0) {
-      zmq_unbind(taker.handle_, endpoint.c_str());
+    const char* const name = endpoint.c_str();
+    if (uninterrupted([&] { return zmq_bind(taker.handle_, name); }) == 0) {
+      uninterrupted([&] { return zmq_unbind(taker.handle_, name); });
     }
   });
 }
