@@ -1,6 +1,7 @@
 #include <thread>
 
 #include "life_fixture.h"
+#include "support/socket_budget.h"
 
 namespace tessel::test {
 namespace {
@@ -52,6 +53,30 @@ TEST(RpcBrokerEnds, KeptRequestsRunAfterTheMasterIsGoneAndLeaveNoSockets) {
     executeOnThreads(requests, 16);
     EXPECT_EQ(ran, 160);
   }
+}
+
+TEST(RpcBrokerEnds, AKeptRequestRunsAfterTheMasterIsGoneAlsoWhenNoSocketIsLeft) {
+  const Watchdog watchdog("a request without sockets");
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  std::atomic<int> ran{0};
+  const auto service = makeService("s", "i", [&](const auto&, const std::string& data) {
+    ++ran;
+    return data;
+  });
+  auto broker = std::make_unique<RpcBroker>(true, std::vector<std::string>{endpoint}, dispatcher);
+  broker->registerService(service);
+  broker->start();
+  RawPeer client(ZMQ_DEALER);
+  client.connect(endpoint);
+  for (int i = 0; i < 2; ++i) client.send(request("s", "i"));
+  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 2; }));
+  const Requests requests = dispatcher->take();
+  requests[0]->execute();  // this thread has its socket for replies
+  broker.reset();
+  const SocketBudget everySocket;
+  EXPECT_NO_THROW(requests[1]->execute());
+  EXPECT_EQ(ran, 2);
 }
 
 TEST(RpcBrokerEnds, KeptRequestsRunWhileTheMasterIsDestroyedAndLeaveNoSockets) {
