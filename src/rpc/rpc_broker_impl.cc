@@ -119,10 +119,14 @@ void RpcBrokerImpl::closeRetired(ThreadSocketCache& sockets, const std::string& 
 void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
   const Lock lock(registryMutex_);
   const ServiceKey key(service->getServiceName(), service->getInstanceName());
-  if (!services_.emplace(key, service).second) {
-    throw std::logic_error("service already registered");
+  const auto entry = services_.emplace(key, service);
+  if (!entry.second) throw std::logic_error("service already registered");
+  try {
+    announceFromThisThread(*service, Announce::kOffer);
+  } catch (...) {  // otherwise it could not be registered again, when there are sockets
+    services_.erase(entry.first);
+    throw;
   }
-  announceFromThisThread(*service, Announce::kOffer);
   observers_->notify([&](RpcBrokerObserver& observer) {
     observer.onServiceRegistered(key.first, key.second, true, {});
   });

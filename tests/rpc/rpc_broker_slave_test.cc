@@ -13,7 +13,9 @@
 #include "support/endpoints.h"
 #include "support/no_hang.h"
 #include "support/rpc_peers.h"
+#include "support/socket_budget.h"
 #include "support/text_of.h"
+#include "support/zmq_errors.h"
 
 namespace tessel::test {
 namespace {
@@ -150,6 +152,26 @@ TEST_F(RpcBrokerSlave, WithdrawsAlsoAServiceThatWasNeverRegistered) {
   slave->start();
   slave->unregisterService(answering("s", "i", ""));
   EXPECT_EQ(next(), withdrawal("s", "i"));
+}
+
+TEST_F(RpcBrokerSlave, WhatCannotBeAnnouncedIsNotRegistered) {
+  slave->start();
+  const auto service = answering("s", "i", "ok");
+  {
+    const SocketBudget everySocket;
+    EXPECT_ZMQ_ERROR(slave->registerService(service), EMFILE);
+    EXPECT_ZMQ_ERROR(slave->registerService(service), EMFILE);
+  }
+  ASSERT_TRUE(eventually([&] {
+    try {
+      slave->registerService(service);
+      return true;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  }));
+  EXPECT_EQ(next(), offer("s", "i"));
+  expectNothingSent();
 }
 
 TEST_F(RpcBrokerSlave, AnnouncesWithOneIdentityWhateverThreadRegisters) {
