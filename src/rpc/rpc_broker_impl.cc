@@ -4,6 +4,7 @@
 
 #include <chrono>
 #include <cstdlib>
+#include <exception>
 #include <stdexcept>
 #include <string_view>
 #include <system_error>
@@ -221,13 +222,19 @@ void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
   const Raised stopping(stopping_);
   closeRegistry();
   joinThread();
-  dispatcher_->stop();
+  std::exception_ptr thrown;
+  try {
+    dispatcher_->stop();
+  } catch (...) {  // a further stop() would find nothing running, and clear nothing
+    thrown = std::current_exception();
+  }
   if (clearServices) {
     const Lock registryLock(registryMutex_);
     released.swap(services_);
     remoteServices_.clear();
   }
   if (clearObservers) observers_->clear();
+  if (thrown != nullptr) std::rethrow_exception(thrown);
 }
 
 void RpcBrokerImpl::joinThread() {

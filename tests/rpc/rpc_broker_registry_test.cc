@@ -233,6 +233,27 @@ TEST_F(RpcBrokerStop, OfAStoppedBrokerIgnoresItsFlags) {
   EXPECT_EQ(observer->journal.lines(3).size(), 3U);
 }
 
+TEST(RpcBrokerRegistry, WhatTheDispatcherThrowsAtAStopFollowsAfterTheClearing) {
+  class Throwing : public KeepingDispatcher {
+   public:
+    void stop() override { throw std::domain_error("dispatcher"); }
+  };
+  RpcBroker broker(true, {}, std::make_shared<Throwing>());
+  auto service = answering("s", "i", "");
+  const std::weak_ptr<Service> alive = service;
+  const auto observer = std::make_shared<RecordingRpcObserver>();
+  broker.registerService(service);
+  service.reset();
+  broker.attach(observer);
+  broker.start();
+  EXPECT_EQ(textOf<std::domain_error>([&] { broker.stop(true, true); }), "dispatcher");
+  EXPECT_TRUE(alive.expired());
+  observer->journal.clear();
+  broker.registerService(answering("s", "i", ""));
+  EXPECT_EQ(observer->journal.size(), 0U);
+  broker.stop();  // it has stopped: the dispatcher is not asked again
+}
+
 TEST(RpcBrokerRegistry, AStopBeforeTheFirstStartKeepsServicesAndObservers) {
   RpcBrokerImpl broker(true, {}, std::make_shared<KeepingDispatcher>());
   const auto observer = std::make_shared<RecordingRpcObserver>();
