@@ -50,18 +50,23 @@ class TESSEL_EXPORT RpcBroker {
   /// Not assigned.
   RpcBroker& operator=(const RpcBroker&) = delete;
 
-  /// Offers a service, at any time. A running slave tells its master.
+  /// Offers a service, at any time. A running slave tells its master. Throws what an observer
+  /// throws who is told; the service is registered all the same.
   ///
   /// @param service the service; the broker shares its ownership
   /// @throws std::logic_error when there is one of the same names
   /// @throws std::invalid_argument for a null pointer
+  /// @throws std::runtime_error with ZeroMQ's text when a running slave cannot tell its master,
+  ///     because the process has no socket left; the service is not registered then
   void registerService(const std::shared_ptr<Service>& service);
   /// Takes the service of these names back, also when it was never there. Calls that run go on;
   /// calls accepted and not begun are answered that the service was not found, if nobody else owns
-  /// it.
+  /// it. Throws what an observer throws who is told; the service is then still there.
   ///
   /// @param service one with the names of the service to take back
   /// @throws std::invalid_argument for a null pointer
+  /// @throws std::runtime_error with ZeroMQ's text when a running slave cannot tell its master,
+  ///     because the process has no socket left; the service is then still there
   void unregisterService(const std::shared_ptr<Service>& service);
 
   /// Adds an observer at the end of the list, once more if it is there already. The broker does not
@@ -87,7 +92,7 @@ class TESSEL_EXPORT RpcBroker {
   /// services from the master. Does nothing when the broker does not run, whatever the flags say.
   ///
   /// Not from a service that a worker of a ThreadedRpcDispatcher runs: a worker cannot wait for
-  /// itself, and the process ends.
+  /// itself, and the process ends. Throws what the dispatcher's stop() throws, in the end.
   ///
   /// @param clearServices releases every service, and forgets those of slaves
   /// @param clearObservers detaches every observer after that
@@ -105,15 +110,18 @@ class TESSEL_EXPORT RpcBroker {
 
 /// Watches an RpcBroker; for monitoring.
 ///
-/// An exception that leaves onServiceRegistered() or onServiceUnregistered() reaches the caller of
-/// registerService() or unregisterService(), or ends the process on the broker's thread.
+/// The broker's thread calls it for services of slaves, and for calls of a service that nobody has.
+/// An exception that leaves it there ends the process. With the observer list locked as it is then,
+/// no observer may attach, detach, register or unregister with this broker, or call a service of it
+/// by an RpcClient made on it: it would wait for itself.
 class TESSEL_EXPORT RpcBrokerObserver {
  public:
   /// Needs no detach() before: brokers forget observers that have gone.
   virtual ~RpcBrokerObserver();
   /// A service was registered, with this broker or with a slave of it. Called on the thread that
-  /// registers, or the broker's for a slave, with the broker's registry and observer list locked:
-  /// it must not call the broker.
+  /// registers, with the broker's registry and observer list locked, so that it must not call the
+  /// broker; or for a slave on the broker's. An exception that leaves it reaches the caller of
+  /// registerService(), and the observers behind it are not told.
   ///
   /// @param serviceName the service's first name
   /// @param instanceName the service's second name
@@ -144,14 +152,18 @@ class TESSEL_EXPORT RpcBrokerObserver {
   /// How the call ended. Called before the caller has the answer, as onRequest(); for a service
   /// that nobody has, on the broker's thread, with the observer list locked.
   ///
+  /// An exception that leaves it when there is a result makes a failure of that, of which all
+  /// observers hear again, and is what the caller gets. One that leaves it at a failure is dropped.
+  ///
   /// @param serviceName the service's first name
   /// @param instanceName the service's second name
   /// @param methodName the method
   /// @param status 0: it has a result; 1: the service failed; 2: nobody has it; 3: it failed with
   ///     an error of its own
   /// @param data 0: the result; 1: the text of the failure; 2: "service not found"; 3: the bytes of
-  ///     the error; valid during the call only
-  /// @param size how many bytes; of a text with its terminating NUL
+  ///     the error; valid during the call only. Null, whatever the size, when the service gave no
+  ///     buffer
+  /// @param size how many bytes, as the service has set it; of a text with its terminating NUL
   virtual void onReply(const std::string& serviceName, const std::string& instanceName,
                        const std::string& methodName, int status, const void* data,
                        std::size_t size) = 0;

@@ -43,8 +43,8 @@ class TESSEL_EXPORT RpcClient {
   /// Not assigned.
   RpcClient& operator=(const RpcClient&) = delete;
 
-  /// Calls a method and waits for its end. A call that timed out may still run; its answer is
-  /// dropped.
+  /// Calls a method and waits for its end: for the time-out at most, or as long as a service runs
+  /// that is called directly. A call that timed out may still run; its answer is dropped.
   ///
   /// @param service the service's first name
   /// @param instance the service's second name

@@ -23,8 +23,12 @@ class TESSEL_EXPORT RpcRequest {
   virtual std::string getInstanceName() const = 0;
   /// @return the method that is called
   virtual std::string getMethodName() const = 0;
-  /// Calls the service and sends the reply; once, on any thread. A request that is never executed
-  /// is never answered: its caller times out.
+  /// Calls the service and sends the reply; once, on any thread, also when the broker has stopped
+  /// or gone. A request that is never executed is never answered: its caller times out. What the
+  /// service throws becomes the reply.
+  ///
+  /// @throws std::runtime_error with ZeroMQ's text when the reply could not be sent, because the
+  ///     process has no socket left for this thread; the service is not called then
   virtual void execute() = 0;
 };
 

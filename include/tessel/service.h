@@ -41,7 +41,8 @@ class TESSEL_EXPORT Service {
   /// @param method the method, as the caller has named it
   /// @param data the argument, valid during the call only
   /// @param size how many bytes
-  /// @param[out] out a new array with the result; may stay null for an empty one
+  /// @param[out] out a new array with the result; may stay null for an empty one: what is sent is
+  ///     empty then, whatever the size
   /// @param[out] outSize how many bytes the result has; set it also to 0, since a caller within the
   ///     process finds here what it had before
   virtual void callMethod(const std::string& method, const void* data, std::size_t size,

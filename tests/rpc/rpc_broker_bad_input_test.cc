@@ -222,6 +222,25 @@ TEST_F(RpcBrokerDeathTest, AReplyEndsTheSlavesProcess) {
   EXPECT_DEATH(sendToSlave(replyFrames(0, "")), kUnexpected);
 }
 
+TEST_F(RpcBrokerDeathTest, ARegistrationEndsTheSlavesProcess) {
+  EXPECT_DEATH(sendToSlave(registrationFrames(true, "s", "i")), kUnexpected);
+}
+
+TEST_F(RpcBrokerDeathTest, ADispatcherThatThrowsAtARequestEndsTheProcess) {
+  const auto submit = [] {
+    const auto dispatcher = std::make_shared<KeepingDispatcher>();
+    dispatcher->onSubmit = [] { throw std::runtime_error("thrown by the dispatcher"); };
+    const std::string endpoint = uniqueInproc();
+    RpcBroker broker(true, {endpoint}, dispatcher);
+    broker.registerService(answering("s", "i", ""));
+    broker.start();
+    NamedDealer peer("peer", endpoint);
+    peer.send(enveloped({}, requestFrames("s", "i", "m", "")));
+    waitForTheEnd();
+  };
+  EXPECT_DEATH(submit(), "thrown by the dispatcher");
+}
+
 TEST_F(RpcBrokerDeathTest, AnObserverThatThrowsOnTheBrokersThreadEndsItsProcess) {
   const auto observer = std::make_shared<RecordingRpcObserver>(
       [](const std::string&) { throw std::runtime_error("thrown by the observer"); });

@@ -89,6 +89,20 @@ TEST_F(RpcClientLocal, AServiceThatSetsNothingLeavesWhatWasThere) {
   EXPECT_THAT(observer->journal.lines(), ElementsAre("request s i m null 0", "reply s i m 0 left"));
 }
 
+TEST_F(RpcClientLocal, ASizeWithoutABufferIsHandedOnAsItIs) {
+  offer(makeService(
+      "s", "i", [&](const std::string&, const void*, std::size_t, Buffer& out, std::size_t& size) {
+        out.reset();
+        size = 7;
+      }));
+  Buffer out;
+  std::size_t size = 0;
+  client.CallMethod("s", "i", "method", "payload", 7, out, size);
+  EXPECT_EQ(out, nullptr);
+  EXPECT_EQ(size, 7U);
+  EXPECT_THAT(observer->journal.lines(), ElementsAre(kRequestLine, "reply s i method 0 null 7"));
+}
+
 TEST_F(RpcClientLocal, WhatAFailingServiceWroteStays) {
   offer(makeService(
       "s", "i", [](const std::string&, const void*, std::size_t, Buffer& out, std::size_t& size) {

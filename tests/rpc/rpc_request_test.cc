@@ -11,7 +11,9 @@
 #include "support/endpoints.h"
 #include "support/no_hang.h"
 #include "support/rpc_peers.h"
+#include "support/socket_budget.h"
 #include "support/threads.h"
+#include "support/zmq_errors.h"
 #include "transport/zmq_socket.h"
 
 namespace tessel::test {
@@ -149,6 +151,9 @@ TEST_F(RpcRequestTest, AServiceThatSetsASizeButNoBufferGivesAnEmptyResult) {
                                      [size](const std::string&, const void*, std::size_t, Buffer&,
                                             std::size_t& outSize) { outSize = size; });
     EXPECT_EQ(replyOf(service), toClient(0, ""));
+    // Observers are told what the service set.
+    EXPECT_EQ(observer->journal.lines().back(),
+              "reply service instance method 0 null " + std::to_string(size));
   }
 }
 
@@ -287,6 +292,18 @@ TEST_F(RpcRequestTest, DoesNotWaitForAnEndpointOfThisProcessThatNobodyHasBound) 
           .execute();
     }
   });
+}
+
+TEST_F(RpcRequestTest, ACallThatCouldNotBeAnsweredIsNotBegun) {
+  bool called = false;
+  const auto service = makeService(
+      "service", "instance",
+      [&](const std::string&, const void*, std::size_t, Buffer&, std::size_t&) { called = true; });
+  const auto request = accept(service);
+  const SocketBudget everySocket;
+  EXPECT_ZMQ_ERROR(request->execute(), EMFILE);
+  EXPECT_FALSE(called);
+  EXPECT_THAT(observer->journal.lines(), IsEmpty());
 }
 
 TEST_F(RpcRequestTest, CallsObserversInOrderOfAttachment) {
