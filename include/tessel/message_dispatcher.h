@@ -168,9 +168,8 @@ class TESSEL_EXPORT MessageDispatcher {
   /// arrived by then are for the next start(); nothing that is published in between arrives.
   /// Does nothing when the dispatcher does not run, whatever the flag says.
   ///
-  /// @param clearSubscriptions forgets the registrations, which otherwise stay for the next
-  /// start();
-  ///     those that the dispatcher's thread has not seen yet stay in any case
+  /// @param clearSubscriptions forgets the registrations that the dispatcher's thread has seen,
+  ///     which stay for the next start() otherwise; those that it has not seen stay in any case
   void stop(bool clearSubscriptions = false);
 
  private:

@@ -16,6 +16,7 @@
 #include "support/child_process.h"
 #include "support/deadline.h"
 #include "support/endpoints.h"
+#include "support/raw_peer.h"
 #include "support/recorders.h"
 
 namespace tessel::test {
@@ -329,6 +330,37 @@ TEST(PubsubInOneProcess, PublishersFindTheirBrokerByThemselves) {
   const auto all = recorder(SubscriptionMode::AllValues, "t", "a");
   dispatcher.registerSubscriber(all);
   EXPECT_EQ(all->journal.lines(1), Lines{"value 1"});
+}
+
+// Failures are exceptions, and what is malformed is dropped in silence.
+TEST(PubsubInOneProcess, PrintsNothing) {
+  testing::internal::CaptureStdout();
+  testing::internal::CaptureStderr();
+  {
+    const std::string updates = uniqueInproc();
+    const std::string cache = uniqueInproc();
+    MessageBroker broker({}, {updates}, {cache});
+    MessageDispatcher dispatcher(updates, cache);
+    const auto all = recorder(SubscriptionMode::AllValues, "t", "a");
+    dispatcher.registerSubscriber(all);
+    RawPeer malformed(ZMQ_PUSH);
+    malformed.connect(broker.getInprocPullTransport()).send({"", "RS02", "\x03", "too short"});
+    malformed.send({"nonsense"});
+    broker.start();
+    dispatcher.start();
+    const Publisher publisher(broker, "t", "a");
+    publish(publisher, "1");
+    publish(publisher, "1");
+    publisher.unpublish();
+    publisher.unpublish();
+    all->journal.waitFor(2);
+    EXPECT_THROW(MessageBroker({"nonsense"}, {}, {}), std::runtime_error);
+    EXPECT_THROW(publish(Publisher(Lines{"nonsense"}, "t", "a"), "1"), std::runtime_error);
+    EXPECT_THROW(Publisher("a:b", ""), std::invalid_argument);
+    broker.stop(true, true);
+  }
+  EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
 // A connection that was lost is made again, and the subscriptions with it.

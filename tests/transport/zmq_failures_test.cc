@@ -1,11 +1,13 @@
 // What happens when ZeroMQ refuses what it hardly ever does. In a program of its own, since it
-// stands in for the functions of libzmq and lets a chosen call of the test's thread fail.
+// stands in for the functions of libzmq and lets a chosen call of the test's thread fail. It also
+// sees which sockets a thread closes, and when.
 
 #include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessel/rpc_error.h>
 #include <zmq.h>
 
+#include <atomic>
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
@@ -38,6 +40,9 @@ struct Failure {
 };
 thread_local Failure failure;
 
+// Where closed sockets are noted; null while nobody wants to know.
+std::atomic<std::vector<void*>*> closedSockets{nullptr};
+
 bool fails(const char* function) {
   if (failure.times == 0 || failure.function != function) return false;
   if (failure.after > 0) {
@@ -66,6 +71,10 @@ void* zmq_ctx_new() {
 void* zmq_socket(void* context, int type) {
   if (fails("zmq_socket")) return nullptr;
   return real("zmq_socket", &zmq_socket)(context, type);
+}
+int zmq_close(void* socket) {
+  if (std::vector<void*>* const noted = closedSockets) noted->push_back(socket);
+  return real("zmq_close", &zmq_close)(socket);
 }
 int zmq_setsockopt(void* socket, int option, const void* value, size_t size) {
   if (fails("zmq_setsockopt")) return -1;
@@ -215,6 +224,24 @@ TEST(ZmqFailures, ACacheKeepsNothingWhenTheSocketCouldNotBeMade) {
   }
   EXPECT_EQ(cache.size(), 0U);
   EXPECT_EQ(zmqErrorOf([&] { cache.socketFor(endpoint); }), "nothing thrown");
+}
+
+TEST(ThreadsThatEnd, CloseTheirPublishersFirst) {
+  const std::string endpoint = uniqueInproc();
+  void* published = nullptr;
+  std::vector<void*> closed;
+  std::thread thread([&] {
+    ThreadSockets& sockets = ThreadSockets::ofThisThread();
+    for (ThreadSocketCache* cache : {&sockets.registrations, &sockets.replies, &sockets.clients}) {
+      cache->socketFor(endpoint);
+    }
+    published = sockets.publishers.socketFor(endpoint).handle();
+    closedSockets = &closed;
+  });
+  thread.join();
+  closedSockets = nullptr;
+  ASSERT_EQ(closed.size(), 4U);
+  EXPECT_EQ(closed.front(), published);
 }
 
 TEST(ZmqFailures, AnEventThatCannotBeMadeThrows) {
