@@ -18,6 +18,7 @@
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
 #include "support/recorders.h"
+#include "support/threads.h"
 
 namespace tessel::test {
 namespace {
@@ -330,6 +331,24 @@ TEST(PubsubInOneProcess, PublishersFindTheirBrokerByThemselves) {
   const auto all = recorder(SubscriptionMode::AllValues, "t", "a");
   dispatcher.registerSubscriber(all);
   EXPECT_EQ(all->journal.lines(1), Lines{"value 1"});
+}
+
+// Whatever has happened before: all threads but this one are the library's and ZeroMQ's.
+TEST(PubsubInOneProcess, SleepsWhileNothingHappens) {
+  const std::string updates = uniqueInproc();
+  const std::string cache = uniqueInproc();
+  MessageBroker broker({}, {updates}, {cache});
+  MessageDispatcher dispatcher(updates, cache);
+  broker.start();
+  dispatcher.start();
+  const auto all = recorder(SubscriptionMode::AllValues, "t", "a");
+  dispatcher.registerSubscriber(all);
+  publish(Publisher(broker, "t", "a"), "1");
+  EXPECT_TRUE(all->journal.waitFor(1));
+  dispatcher.unregisterSubscriber(all);
+  for (const int thread : threadNumbers()) {
+    if (thread != thisThread()) EXPECT_TRUE(waitUntilAsleep(thread));
+  }
 }
 
 // Failures are exceptions, and what is malformed is dropped in silence.
