@@ -18,7 +18,10 @@ class SubscriberImpl;
 enum class SubscriptionMode : std::int32_t {
   Once = 0,       ///< The cached value, or else the next one published; then no more.
   NewValues = 1,  ///< What is published from now on.
-  AllValues = 2   ///< The cached value at once if there is one, and what is published from now on.
+  /// The cached value at once if there is one, and what is published from now on. A dispatcher that
+  /// was stopped, or lost its connection, skips the cached value for whoever has had one: what was
+  /// published meanwhile is then told with the next change only.
+  AllValues = 2
 };
 
 /// Receives the values of one topic and tag: derive from it, override what is needed, and register
@@ -165,7 +168,8 @@ class TESSEL_EXPORT MessageDispatcher {
   void start();
   /// Waits for the running callbacks and ends the threads; callbacks not yet begun are dropped, and
   /// with them a value that was received and waits for those of the value before. Others that have
-  /// arrived by then are for the next start(); nothing that is published in between arrives.
+  /// arrived by then are for the next start(). What is published in between does not arrive, other
+  /// than in the moment until the broker has heard that the dispatcher unsubscribed.
   /// Does nothing when the dispatcher does not run, whatever the flag says.
   ///
   /// @param clearSubscriptions forgets the registrations that the dispatcher's thread has seen,

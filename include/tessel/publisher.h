@@ -24,7 +24,9 @@ class PublisherImpl;
 class TESSEL_EXPORT Publisher {
  public:
   /// Sends to the default brokers of the process: the first MessageBroker made in it, unless
-  /// setDefaultBroker() said otherwise before.
+  /// setDefaultBroker() said otherwise before. The first is the first whose construction was tried:
+  /// if that failed, or if that broker has gone and another was made, name the new one by
+  /// setDefaultBroker().
   ///
   /// @param topic without colons; may be empty
   /// @param tag without colons; an empty one means "default"
@@ -59,15 +61,15 @@ class TESSEL_EXPORT Publisher {
 
   /// Sends a value to each broker in order. Returns when it is queued; waits while the queue to a
   /// broker is full (1000 values when nobody is connected, about 2000 unread ones in the process).
+  /// Whatever it throws, brokers earlier in the list have the value.
   ///
   /// @param data the bytes; they are copied
   /// @param size how many bytes; none is a value, too
-  /// Whatever it throws, brokers earlier in the list have the value.
-  ///
   /// @throws std::runtime_error with ZeroMQ's text when an endpoint cannot be connected, its name
   ///     being wrong: at the first attempt of this thread, and from then on without another; when
-  ///     the process has no socket left, in which case the next call tries again; and when there is
-  ///     no memory for the message
+  ///     the process has no socket left, in which case the next call tries again; and when ZeroMQ
+  ///     has no memory for the message
+  /// @throws std::bad_alloc when the library has none
   void publish(const void* data, std::size_t size) const;
 
   /// Withdraws the value: subscribers get onDeletion. While the cache is enabled, the broker also

@@ -22,8 +22,10 @@ bool LastValueCache::store(const std::string& key, const void* data, std::size_t
     values_.emplace(key, Value(bytes, bytes + size));
     return true;
   }
-  if (equal(entry->second, data, size)) return false;
-  entry->second.assign(bytes, bytes + size);
+  Value& kept = entry->second;
+  if (equal(kept, data, size)) return false;
+  if (size < kept.capacity() / 4) kept = Value();  // what was large once need not stay so
+  kept.assign(bytes, bytes + size);
   return true;
 }
 

@@ -55,6 +55,14 @@ TEST(LastValueCache, KeepsACopyOfTheBytes) {
   EXPECT_EQ(kept(cache, "a:b"), "two");
 }
 
+TEST(LastValueCache, DoesNotKeepTheMemoryOfALargeValueForASmallOne) {
+  LastValueCache cache;
+  store(cache, "a:b", std::string(1 << 20, 'x'));
+  store(cache, "a:b", "small");
+  EXPECT_EQ(kept(cache, "a:b"), "small");
+  EXPECT_LT(cache.find("a:b")->capacity(), 100U);
+}
+
 TEST(LastValueCache, KnowsARepeatByItsBytes) {
   LastValueCache cache;
   store(cache, "a:b", std::string("a\0b", 3));

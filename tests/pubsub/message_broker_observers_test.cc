@@ -288,17 +288,24 @@ class DetachingObserver : public NamedObserver {
 
 TEST_F(BrokerObservers, MayDieInANotificationAndDetachOthersThen) {
   const auto a = attached("a");
-  std::shared_ptr<MessageBrokerObserver> dying;
-  // Called before it, so the broker's own reference is the last one during its call.
-  const auto dropper = calling([&](const std::string&) {});
-  at.broker.attach(dropper);
-  dying = std::make_shared<DetachingObserver>(journal, at.broker, a);
+  std::shared_ptr<MessageBrokerObserver> dying =
+      std::make_shared<DetachingObserver>(journal, at.broker, a);
   at.broker.attach(dying);
   // Called after it, while the broker may still hold it.
   const auto killer = calling([&](const std::string&) { dying.reset(); });
   at.broker.attach(killer);
   EXPECT_EQ(heardBy(), (Lines{"a publish", "dying publish"}));
   EXPECT_THAT(heardBy(), IsEmpty());  // it has detached the first one
+}
+
+TEST_F(BrokerObservers, ThatAreGoneBeforeTheirTurnAreNotCalled) {
+  std::shared_ptr<MessageBrokerObserver> later;
+  const auto killer = calling([&](const std::string&) { later.reset(); });
+  at.broker.attach(killer);
+  later = std::make_shared<NamedObserver>("later", journal);
+  at.broker.attach(later);
+  const auto last = attached("last");
+  EXPECT_EQ(heardBy(), Lines{"last publish"});
 }
 
 TEST_F(BrokerObservers, MayBeReleasedByAnotherThreadDuringTheirOwnCall) {
@@ -343,6 +350,29 @@ TEST_F(BrokerObservers, AreCalledOnTheBrokersThread) {
   called.pass();
   EXPECT_NE(calledOn, std::this_thread::get_id());
   broker.stop();
+}
+
+TEST(BrokerObserversDeathTest, DestructionOfTheBrokerEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  struct Destroying : NamedObserver {
+    using NamedObserver::NamedObserver;
+    void onPublish(const std::string&, const std::string&, bool, bool, bool) override {
+      broker.reset();
+    }
+    std::unique_ptr<MessageBroker> broker = std::make_unique<MessageBroker>(
+        std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
+  };
+  const auto destroyIt = [] {
+    Journal journal;
+    const auto destroying = std::make_shared<Destroying>("destroying", journal);
+    RawPeer in(ZMQ_PUSH);
+    in.connect(destroying->broker->getInprocPullTransport());
+    destroying->broker->attach(destroying);
+    destroying->broker->start();
+    in.send(publication("t", "g", "", 0));
+    std::this_thread::sleep_for(kPatience);  // it is over long before
+  };
+  EXPECT_EXIT(destroyIt(), ::testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
 TEST(BrokerObserversDeathTest, AnExceptionThatLeavesAnObserverEndsTheProcess) {

@@ -401,13 +401,9 @@ TEST_F(DispatcherDelivery, HandsOverTheExactBytes) {
 }
 
 TEST_F(DispatcherDelivery, OfAnEmptyValueIsAValue) {
-  std::atomic<int> calls{0};
   std::atomic<std::size_t> lastSize{99};
-  const auto subscriber =
-      calling(SubscriptionMode::AllValues, "t", [&](const void* data, std::size_t size) {
-        if (data != nullptr || size != 0) ++calls;
-        lastSize = size;
-      });
+  const auto subscriber = calling(SubscriptionMode::AllValues, "t",
+                                  [&](const void*, std::size_t size) { lastSize = size; });
   const auto counter = recorder(SubscriptionMode::AllValues, "t", "");
   start();
   subscribe(broker.cache, subscriber, "t:default");
