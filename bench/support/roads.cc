@@ -28,9 +28,12 @@ std::string newInproc() {
 
 }  // namespace
 
+std::string newEndpoint(Transport transport) {
+  return transport == Transport::kTcp ? newTcp() : newInproc();
+}
+
 raw::Endpoints newEndpoints(Transport transport) {
-  const auto make = transport == Transport::kTcp ? newTcp : newInproc;
-  return {make(), make(), make()};
+  return {newEndpoint(transport), newEndpoint(transport), newEndpoint(transport)};
 }
 
 TesselRoad::TesselRoad(Transport transport, Callback callback)

@@ -26,6 +26,7 @@ using Callback = raw::Callback;
 enum class Transport { kTcp, kInproc };
 
 /// Endpoints that nobody else uses.
+std::string newEndpoint(Transport transport);
 raw::Endpoints newEndpoints(Transport transport);
 
 /// Where all values of the roads go.
