@@ -369,10 +369,11 @@ TEST(PubsubInOneProcess, PrintsNothing) {
     dispatcher.start();
     const Publisher publisher(broker, "t", "a");
     publish(publisher, "1");
+    EXPECT_TRUE(all->journal.waitFor(1));
     publish(publisher, "1");
     publisher.unpublish();
     publisher.unpublish();
-    all->journal.waitFor(2);
+    EXPECT_TRUE(all->journal.waitFor(2));
     EXPECT_THROW(MessageBroker({"nonsense"}, {}, {}), std::runtime_error);
     EXPECT_THROW(publish(Publisher(Lines{"nonsense"}, "t", "a"), "1"), std::runtime_error);
     EXPECT_THROW(Publisher("a:b", ""), std::invalid_argument);
