@@ -65,10 +65,16 @@ class ChildProcess {
     }
     return text;
   }
+  /// Writes to its input; false when it no longer reads.
+  bool send(const std::string& text) {
+    std::signal(SIGPIPE, SIG_IGN);
+    return write(input_, text.data(), text.size()) == static_cast<ssize_t>(text.size());
+  }
   void closeInput() {
     if (input_ >= 0) close(input_);
     input_ = -1;
   }
+  pid_t pid() const { return pid_; }
   void kill() { signal(SIGKILL); }
   void signal(int number) { ::kill(pid_, number); }
   /// Its status as waitpid() gives it; killed first if it does not end within the patience.

@@ -6,24 +6,20 @@
 //   - callbacks of different values never overlap in a dispatcher;
 //   - when it is quiet again, every subscriber gets the last value.
 //
-//   pubsub_stress [--seed N] [--seconds N]
+//   pubsub_storm [--seed N] [--seconds N]
 //
 // Exits with 1, and says with which seed, at the first thing that does not hold. The seed decides
 // what is tried, not how the threads interleave.
 
 #include <tessel/tessel.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <mutex>
-#include <optional>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -31,12 +27,10 @@
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/watchdog.h"
+#include "torture.h"
 
 namespace tessel::test {
 namespace {
-
-using Clock = std::chrono::steady_clock;
-using Random = std::mt19937_64;
 
 constexpr std::size_t kPublishers = 8;
 constexpr std::size_t kKeysEach = 4;
@@ -48,26 +42,7 @@ constexpr std::size_t kRegistrars = 8;
 constexpr std::uint64_t kMaxAhead = 100;
 constexpr std::chrono::seconds kStuck{100};
 
-std::uint64_t seed = 0;
-
-[[noreturn]] void violated(const std::string& what) {
-  static std::mutex once;
-  once.lock();  // and never unlocked: the first to come is the one to be told of
-  std::fprintf(stderr, "violated with seed %llu: %s\n", static_cast<unsigned long long>(seed),
-               what.c_str());
-  std::fflush(nullptr);
-  std::_Exit(1);
-}
-
-void require(bool holds, const char* what) {
-  if (!holds) violated(what);
-}
-
-Random randomFor(std::uint64_t round, std::uint64_t thread) {
-  std::seed_seq sequence{seed, seed >> 32, round, thread};
-  return Random(sequence);
-}
-std::size_t pick(Random& random, std::size_t below) { return random() % below; }
+std::uint64_t valuesInAll = 0;
 
 struct Value {
   std::uint64_t key = 0;
@@ -518,6 +493,7 @@ class Round {
     for (const auto& arena : arenas_) arena->dispatcher.stop();
     std::uint64_t values = 0;
     for (const auto& sequence : sequences_) values += sequence;
+    valuesInAll += values;
     std::printf("%s: %llu values, %llu notices\n", kind_.c_str(),
                 static_cast<unsigned long long>(values),
                 static_cast<unsigned long long>(observer_->notices.load()));
@@ -548,20 +524,10 @@ class Round {
   std::vector<std::shared_ptr<CheckedMultiSubscriber>> stayingOfMany_;
 };
 
-std::optional<std::uint64_t> numberAfter(const std::vector<std::string>& arguments,
-                                         const std::string& name) {
-  const auto found = std::find(arguments.begin(), arguments.end(), name);
-  if (found == arguments.end() || found + 1 == arguments.end()) return std::nullopt;
-  return std::strtoull((found + 1)->c_str(), nullptr, 10);
-}
-
-int run(const std::vector<std::string>& arguments) {
-  seed = numberAfter(arguments, "--seed").value_or(std::random_device()());
-  const std::chrono::seconds length(numberAfter(arguments, "--seconds").value_or(10));
-  std::printf("seed %llu\n", static_cast<unsigned long long>(seed));
-  std::fflush(stdout);
-  const Watchdog watchdog("the stress test", length + 2 * kStuck);
-  const Clock::time_point end = Clock::now() + length;
+int run() {
+  const auto length = Torture::instance().length();
+  const std::uint64_t seed = Torture::instance().seed();
+  const Watchdog watchdog("the storm", length + 2 * kStuck);
   // Each kind of connection once at least, from one that the seed names.
   const char* const kinds[] = {"tcp", "inproc", "ipc"};
   const Clock::duration part = std::min<Clock::duration>(length / 3, std::chrono::seconds(10));
@@ -569,7 +535,9 @@ int run(const std::vector<std::string>& arguments) {
   do {
     Round(number, kinds[(seed + number) % 3]).run(part);
     ++number;
-  } while (Clock::now() < end || number < 3);
+  } while (!Torture::instance().timeIsUp() || number < 3);
+  row("storm", "publish, subscribe, start, stop and destroy at random",
+      grouped(valuesInAll) + " values", "in order, no callback too late, last values everywhere");
   return 0;
 }
 
@@ -577,5 +545,6 @@ int run(const std::vector<std::string>& arguments) {
 }  // namespace tessel::test
 
 int main(int argc, char** argv) {
-  return tessel::test::run(std::vector<std::string>(argv + 1, argv + argc));
+  tessel::test::Torture::instance().begin(argc, argv, 0, 10);
+  return tessel::test::run();
 }

@@ -1,6 +1,6 @@
 // Remote calls under everything at once, for as long as one likes:
 //
-//   rpc_stress [--seed N] [--seconds N]
+//   rpc_storm [--seed N] [--seconds N]
 //
 // A master and two slaves are started, stopped, destroyed and made anew at random while services
 // come and go and callers call over TCP, in the process and directly. Every answer must be that of
@@ -17,23 +17,22 @@
 #include <atomic>
 #include <chrono>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
 #include <mutex>
-#include <random>
 #include <string>
 #include <thread>
 #include <vector>
 
 #include "support/endpoints.h"
+#include "torture.h"
 
 namespace {
 
 using namespace tessel;
+using namespace tessel::test;
 using std::chrono::milliseconds;
-using Clock = std::chrono::steady_clock;
 
 std::atomic<long> answered{0};
 std::atomic<long> timedOut{0};
@@ -75,15 +74,6 @@ class Watcher : public RpcBrokerObserver {
   }
 };
 
-class Random {
- public:
-  Random(unsigned seed, unsigned thread) : engine_(seed * 1000003U + thread) {}
-  unsigned below(unsigned limit) { return static_cast<unsigned>(engine_() % limit); }
-
- private:
-  std::mt19937 engine_;
-};
-
 // A broker that is made, started, stopped and destroyed at random, by one thread.
 class Site {
  public:
@@ -121,7 +111,7 @@ class Site {
   }
   void change(Random& random) {
     const std::shared_ptr<RpcBroker> current = broker();
-    const unsigned what = random.below(100);
+    const std::size_t what = pick(random, 100);
     if (current == nullptr || what < 3) {
       // Not while `current` is held here.
     } else if (what < 30) {
@@ -129,12 +119,12 @@ class Site {
       current->start();
     } else if (what < 40) {
       current->stop();
-      std::this_thread::sleep_for(milliseconds(random.below(20)));
+      std::this_thread::sleep_for(milliseconds(pick(random, 20)));
       current->start();
     } else {
-      const auto service = std::make_shared<Echo>(name_, std::to_string(random.below(4)));
+      const auto service = std::make_shared<Echo>(name_, std::to_string(pick(random, 4)));
       current->unregisterService(service);
-      if (random.below(2) == 0) std::this_thread::yield();
+      if (pick(random, 2) == 0) std::this_thread::yield();
       current->registerService(service);
     }
     remake_ = current == nullptr || what < 3;
@@ -153,7 +143,7 @@ class Site {
 
 void callOnce(RpcClient& client, const std::string& service, const std::string& data,
               Random& random) {
-  const std::string instance = std::to_string(random.below(4));
+  const std::string instance = std::to_string(pick(random, 4));
   try {
     std::unique_ptr<std::uint8_t[]> out;
     std::size_t size = 0;
@@ -167,22 +157,6 @@ void callOnce(RpcClient& client, const std::string& service, const std::string& 
   } catch (const std::exception& error) {
     if (++failed < 5) std::fprintf(stderr, "a call failed: %s\n", error.what());
   }
-}
-
-struct Options {
-  unsigned seed = 1;
-  int seconds = 10;
-};
-
-Options read(int argc, char** argv) {
-  Options options;
-  for (int i = 1; i + 1 < argc; i += 2) {
-    if (std::strcmp(argv[i], "--seed") == 0) {
-      options.seed = static_cast<unsigned>(std::strtoul(argv[i + 1], nullptr, 10));
-    }
-    if (std::strcmp(argv[i], "--seconds") == 0) options.seconds = std::atoi(argv[i + 1]);
-  }
-  return options;
 }
 
 // Ends the process when nothing has moved for a minute.
@@ -206,35 +180,35 @@ void watch() {
 }  // namespace
 
 int main(int argc, char** argv) {
-  const Options options = read(argc, argv);
-  const std::string tcp = tessel::test::freeTcp();
-  const std::string inproc = tessel::test::uniqueInproc();
+  Torture::instance().begin(argc, argv, 0, 10);
+  const std::string tcp = freeTcp();
+  const std::string inproc = uniqueInproc();
   Site sites[] = {{"master", true, {tcp, inproc}}, {"one", false, {tcp}}, {"two", false, {inproc}}};
-  const auto end = Clock::now() + std::chrono::seconds(options.seconds);
+  const auto end = Clock::now() + Torture::instance().length();
   std::thread(watch).detach();
 
   std::vector<std::thread> threads;
   unsigned number = 0;
   for (Site& site : sites) {
-    threads.emplace_back([&site, random = Random(options.seed, number++), end]() mutable {
+    threads.emplace_back([&site, random = randomFor(number++), end]() mutable {
       while (Clock::now() < end) {
         site.change(random);
         if (site.remake()) site.makeAnew();
         ++changes;
-        std::this_thread::sleep_for(milliseconds(random.below(10)));
+        std::this_thread::sleep_for(milliseconds(pick(random, 10)));
       }
     });
   }
   for (int caller = 0; caller < 6; ++caller) {
-    threads.emplace_back([&, random = Random(options.seed, number++), caller]() mutable {
+    threads.emplace_back([&, random = randomFor(number++), caller]() mutable {
       RpcClient byEndpoint(caller % 2 == 0 ? tcp : inproc, milliseconds(50));
       for (long i = 0; Clock::now() < end; ++i) {
-        Site& site = sites[random.below(3)];
+        Site& site = sites[pick(random, 3)];
         const std::string data = std::to_string(caller) + "." + std::to_string(i);
         std::unique_ptr<RpcClient> direct;
-        if (random.below(3) == 0) {
-          if (const auto broker = sites[random.below(3)].broker()) {
-            direct = std::make_unique<RpcClient>(broker, milliseconds(random.below(30)));
+        if (pick(random, 3) == 0) {
+          if (const auto broker = sites[pick(random, 3)].broker()) {
+            direct = std::make_unique<RpcClient>(broker, milliseconds(pick(random, 30)));
           }
         }
         callOnce(direct == nullptr ? byEndpoint : *direct, site.name(), data, random);
@@ -243,9 +217,10 @@ int main(int argc, char** argv) {
   }
   for (std::thread& thread : threads) thread.join();
   for (Site& site : sites) site.drop();
-  std::printf("seed %u: %ld answered, %ld timed out, %ld found nobody, %ld failed, %ld wrong\n",
-              options.seed, answered.load(), timedOut.load(), notFound.load(), failed.load(),
-              wrong.load());
+  row("storm", "start, stop, destroy and make brokers, register, call at random",
+      grouped(static_cast<std::uint64_t>(answered)) + " answers",
+      std::to_string(timedOut) + " timed out, " + std::to_string(notFound) + " found nobody, " +
+          std::to_string(failed) + " failed, " + std::to_string(wrong) + " wrong");
   std::fflush(stdout);
   std::_Exit(wrong == 0 && failed == 0 && answered > 0 ? 0 : 1);
 }
