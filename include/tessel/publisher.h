@@ -16,8 +16,9 @@ class PublisherImpl;
 /// Publishes the values of one topic and tag, to one or more brokers.
 ///
 /// A publisher is cheap: it owns no connection. Each thread that publishes keeps one connection to
-/// each broker, shared by all publishers, and closes it when the thread ends; what is still queued
-/// is then dropped.
+/// each broker, shared by all publishers, and closes it when the thread ends. What has not left by
+/// then is dropped, other than for a broker of this process: so a thread that publishes over a
+/// network and ends at once, before its connection is up, has published nothing.
 ///
 /// publish(), unpublish() and removeFromCache() may be called from any thread, also at once. The
 /// switches are plain fields: set them before other threads publish.

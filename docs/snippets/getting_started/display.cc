@@ -1,4 +1,5 @@
 // Shows the value that a station has kept, and ends.
+//! [display]
 #include <tessel/tessel.h>
 
 #include <future>
@@ -24,3 +25,4 @@ int main(int argc, char** argv) {
   dispatcher.registerSubscriber(display);
   std::cout << "kitchen: " << display->shown.get_future().get() << "\n";
 }
+//! [display]
