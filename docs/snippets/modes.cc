@@ -1,11 +1,13 @@
 // What a late subscriber gets in each of the three modes.
 #include "support.h"
 
+using guide::Line;  // a text that any thread may add to
+
 //! [subscriber]
 class Display : public tessel::Subscriber {
  public:
   using Subscriber::Subscriber;
-  guide::Line shown;
+  Line shown;
 
  private:
   void onValue(const void* data, std::size_t size) override {

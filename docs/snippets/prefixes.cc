@@ -1,11 +1,13 @@
 // Which values a prefix gets.
 #include "support.h"
 
+using guide::Line;
+
 //! [subscriber]
 class Log : public tessel::MultiSubscriber {
  public:
   using MultiSubscriber::MultiSubscriber;
-  guide::Line lines;
+  Line lines;
 
  private:
   void onValue(const std::string& topic, const std::string& tag, const void* data,

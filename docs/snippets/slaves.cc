@@ -3,6 +3,8 @@
 
 #include "support.h"
 
+using guide::Line;
+
 class Echo : public tessel::Service {
  public:
   explicit Echo(const std::string& instance) : Service("echo", instance) {}
@@ -30,7 +32,7 @@ class Arrivals : public tessel::RpcBrokerObserver {
                  std::size_t) override {}
   void onReply(const std::string&, const std::string&, const std::string&, int, const void*,
                std::size_t) override {}
-  guide::Line heard;
+  Line heard;
 };
 //! [observer]
 
