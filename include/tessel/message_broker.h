@@ -65,7 +65,9 @@ class TESSEL_EXPORT MessageBroker {
   ///     start() before that does nothing
   void stop(bool clearCache = false, bool clearObservers = false);
 
-  /// @return the endpoint at which publishers of this process reach this broker:
+  /// Where publishers of this process reach this broker.
+  ///
+  /// @return the endpoint:
   ///     "inproc://publish_service" and the broker's number, counted from 0 in each process
   std::string getInprocPullTransport() const;
 

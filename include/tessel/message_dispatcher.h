@@ -46,10 +46,16 @@ class TESSEL_EXPORT Subscriber {
   /// Not assigned.
   Subscriber& operator=(const Subscriber&) = delete;
 
+  /// Which values it gets.
+  ///
   /// @return the mode that it was made with
   SubscriptionMode getMode() const;
+  /// What it subscribes to.
+  ///
   /// @return the topic that it was made with, valid as long as the subscriber
   const std::string& getTopic() const;
+  /// Which one of its topic.
+  ///
   /// @return the tag, "default" if it was given empty; valid as long as the subscriber
   const std::string& getTag() const;
 
@@ -77,6 +83,8 @@ class TESSEL_EXPORT Subscriber {
 /// prefix. Owned and called as a Subscriber is.
 class TESSEL_EXPORT MultiSubscriber {
  public:
+  /// Uses any prefix.
+  ///
   /// @param prefix the beginning of topic ":" tag: part of a topic, a whole one, or more; an empty
   ///     one gets everything
   MultiSubscriber(const std::string& prefix);

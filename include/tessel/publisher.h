@@ -87,30 +87,42 @@ class TESSEL_EXPORT Publisher {
   ///
   /// @param enable on or off, from the next publish() or unpublish() on
   void enableCache(bool enable);
-  /// @return whether enableCache() is on
+  /// Whether the cache is enabled.
+  ///
+  /// @return as enableCache() was last told, or true
   bool isCacheEnabled() const;
   /// Whether brokers pass on a value that equals the one they keep. Off at first.
   ///
   /// @param enable on or off, from the next publish() on
   void enablePublishIfEqual(bool enable);
-  /// @return whether enablePublishIfEqual() is on
+  /// Whether equal values are passed on.
+  ///
+  /// @return as enablePublishIfEqual() was last told, or false
   bool isPublishIfEqualEnabled() const;
   /// Whether the destructor withdraws the value, as unpublish() does. Off at first. One switch with
   /// enableUnpublishOnDestruction(): setting either sets both.
   ///
   /// @param enable on or off
   void enableClearCacheOnDestruction(bool enable);
-  /// @return whether the destructor withdraws the value
+  /// Whether the destructor withdraws the value.
+  ///
+  /// @return as either of the two setters was last told, or false
   bool isClearCacheOnDestructionEnabled() const;
   /// The same switch as enableClearCacheOnDestruction().
   ///
   /// @param enable on or off
   void enableUnpublishOnDestruction(bool enable);
-  /// @return whether the destructor withdraws the value
+  /// Whether the destructor withdraws the value.
+  ///
+  /// @return as either of the two setters was last told, or false
   bool isUnpublishOnDestructionEnabled() const;
 
+  /// What is published.
+  ///
   /// @return the topic, valid as long as the publisher
   const std::string& getTopic() const;
+  /// Which one of its topic it is.
+  ///
   /// @return the tag, "default" if it was given empty; valid as long as the publisher
   const std::string& getTag() const;
 

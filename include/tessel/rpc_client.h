@@ -65,7 +65,9 @@ class TESSEL_EXPORT RpcClient {
                   const std::string& method, const void* data, std::size_t size,
                   std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize);
 
-  /// @return how long a call waits for its answer
+  /// How long a call waits for its answer.
+  ///
+  /// @return what was set last
   std::chrono::milliseconds receiveTimeout() const;
   /// Changes how long calls wait, from the next one on. Any thread.
   ///

@@ -17,11 +17,17 @@ class TESSEL_EXPORT RpcRequest {
  public:
   /// Without execute() before, the caller is never answered.
   virtual ~RpcRequest();
-  /// @return the first name of the service that is called
+  /// Which service is called.
+  ///
+  /// @return its first name
   virtual std::string getServiceName() const = 0;
-  /// @return the second name of the service that is called
+  /// Which instance of it.
+  ///
+  /// @return its second name
   virtual std::string getInstanceName() const = 0;
-  /// @return the method that is called
+  /// What it is to do.
+  ///
+  /// @return the method, as the caller has named it
   virtual std::string getMethodName() const = 0;
   /// Calls the service and sends the reply; once, on any thread, also when the broker has stopped
   /// or gone. A request that is never executed is never answered: its caller times out. What the

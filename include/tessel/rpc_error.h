@@ -23,12 +23,20 @@ class rpc_custom_error_impl;
 /// All five can be copied and moved, and not assigned.
 class TESSEL_EXPORT rpc_error : public std::runtime_error {
  public:
+  /// Says what went wrong.
+  ///
   /// @param what the text that what() gives
   rpc_error(const std::string& what);
+  /// Says what went wrong.
+  ///
   /// @param what the text that what() gives
   rpc_error(const char* what);
+  /// Copies.
+  ///
   /// @param other the exception to copy
   rpc_error(const rpc_error& other);
+  /// Moves.
+  ///
   /// @param other the exception to take over
   rpc_error(rpc_error&& other) noexcept;
   /// Not assigned.
@@ -43,12 +51,20 @@ class TESSEL_EXPORT rpc_error : public std::runtime_error {
 /// The broker or the way to it failed: no such service, for one.
 class TESSEL_EXPORT rpc_broker_error : public rpc_error {
  public:
+  /// Says what went wrong.
+  ///
   /// @param what the text that what() gives
   rpc_broker_error(const std::string& what);
+  /// Says what went wrong.
+  ///
   /// @param what the text that what() gives
   rpc_broker_error(const char* what);
+  /// Copies.
+  ///
   /// @param other the exception to copy
   rpc_broker_error(const rpc_broker_error& other);
+  /// Moves.
+  ///
   /// @param other the exception to take over
   rpc_broker_error(rpc_broker_error&& other) noexcept;
   /// Not assigned.
@@ -65,8 +81,12 @@ class TESSEL_EXPORT rpc_timeout : public rpc_broker_error {
  public:
   /// Says "RPC timeout".
   rpc_timeout();
+  /// Copies.
+  ///
   /// @param other the exception to copy
   rpc_timeout(const rpc_timeout& other);
+  /// Moves.
+  ///
   /// @param other the exception to take over
   rpc_timeout(rpc_timeout&& other) noexcept;
   /// Not assigned.
@@ -81,12 +101,20 @@ class TESSEL_EXPORT rpc_timeout : public rpc_broker_error {
 /// The service failed; what() is the text of the exception that it threw.
 class TESSEL_EXPORT rpc_service_error : public rpc_error {
  public:
+  /// Says what went wrong.
+  ///
   /// @param what the text that what() gives
   rpc_service_error(const std::string& what);
+  /// Says what went wrong.
+  ///
   /// @param what the text that what() gives
   rpc_service_error(const char* what);
+  /// Copies.
+  ///
   /// @param other the exception to copy
   rpc_service_error(const rpc_service_error& other);
+  /// Moves.
+  ///
   /// @param other the exception to take over
   rpc_service_error(rpc_service_error&& other) noexcept;
   /// Not assigned.
@@ -106,29 +134,47 @@ class TESSEL_EXPORT rpc_service_error : public rpc_error {
 /// std::runtime_error with ZeroMQ's text when ZeroMQ cannot hold the bytes.
 class TESSEL_EXPORT rpc_custom_error : public rpc_service_error {
  public:
-  /// @param data the bytes; they are copied
+  /// Copies the bytes.
+  ///
+  /// @param data the bytes
   /// @param size how many bytes; may be 0
   rpc_custom_error(const void* data, std::size_t size);
-  /// @param data the bytes; they are copied, without a terminating NUL
+  /// Copies the bytes.
+  ///
+  /// @param data the bytes, without a terminating NUL
   rpc_custom_error(const std::string& data);
-  /// @param data the bytes, taken over
+  /// Takes the bytes over.
+  ///
+  /// @param data the bytes
   rpc_custom_error(std::string&& data);
-  /// @param data the bytes; they are copied
+  /// Copies the bytes.
+  ///
+  /// @param data the bytes
   rpc_custom_error(const std::vector<std::uint8_t>& data);
-  /// @param data the bytes, taken over
+  /// Takes the bytes over.
+  ///
+  /// @param data the bytes
   rpc_custom_error(std::vector<std::uint8_t>&& data);
-  /// @param data the bytes; they are copied
+  /// Copies the bytes.
+  ///
+  /// @param data the bytes
   /// @param size how many bytes
   rpc_custom_error(const std::unique_ptr<std::uint8_t[]>& data, std::size_t size);
-  /// @param data the bytes, taken over
+  /// Takes the bytes over.
+  ///
+  /// @param data the bytes
   /// @param size how many bytes
   rpc_custom_error(std::unique_ptr<std::uint8_t[]>&& data, std::size_t size);
   /// For the library's own use: the private object is not visible outside it.
   ///
   /// @param impl the private object
   rpc_custom_error(std::unique_ptr<rpc_custom_error_impl>&& impl);
+  /// Copies.
+  ///
   /// @param other the exception to copy, with bytes of its own
   rpc_custom_error(const rpc_custom_error& other);
+  /// Moves.
+  ///
   /// @param other the exception to take over; it has no bytes then
   rpc_custom_error(rpc_custom_error&& other) noexcept;
   /// Not assigned.
@@ -136,9 +182,13 @@ class TESSEL_EXPORT rpc_custom_error : public rpc_service_error {
   /// Defined in the library, so that all who share it agree on the type.
   virtual ~rpc_custom_error();
 
-  /// @return the bytes, valid as long as this exception; null after it was moved from
+  /// The bytes.
+  ///
+  /// @return where they lie, valid as long as this exception; null after it was moved from
   const void* data() const;
-  /// @return how many bytes; 0 after it was moved from
+  /// How many bytes.
+  ///
+  /// @return their number; 0 after it was moved from
   std::size_t size() const;
 
  private:

@@ -48,8 +48,12 @@ class TESSEL_EXPORT Service {
   virtual void callMethod(const std::string& method, const void* data, std::size_t size,
                           std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize) = 0;
 
+  /// What it is.
+  ///
   /// @return the first name, valid as long as the service
   const std::string& getServiceName() const;
+  /// Which one it is.
+  ///
   /// @return the second name, valid as long as the service
   const std::string& getInstanceName() const;
 
