@@ -41,6 +41,13 @@ bool runsOutOfMemory(int allocations, const Call& call) {
   ++tessel::test::allocationsOut;
   return memory;
 }
+[[gnu::noinline]] void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
+  try {
+    return operator new(size);
+  } catch (const std::bad_alloc&) {
+    return nullptr;
+  }
+}
 [[gnu::noinline]] void operator delete(void* memory) noexcept {
   if (memory != nullptr) --tessel::test::allocationsOut;
   std::free(memory);
