@@ -5,7 +5,7 @@
 // Each makes a socket anew. In the end there are as many descriptors as before, and the next call
 // to a broker that answers is answered.
 
-#include <sys/resource.h>
+#include <malloc.h>
 
 #include <csignal>
 #include <functional>
@@ -30,7 +30,8 @@ class Exhaustion {
   Exhaustion(const char* what, int part)
       : what_(what), part_(part), random_(randomFor(static_cast<std::uint64_t>(part))) {}
 
-  void run(const std::function<void()>& timeOut) {
+  // Calls `recover` when it is over, which makes the broker answer and calls it.
+  void run(const std::function<void()>& timeOut, const std::function<void()>& recover) {
     const int before = settledDescriptors();
     const std::int64_t memory = privateMemory();
     int most = before;
@@ -42,11 +43,14 @@ class Exhaustion {
     }
     require(eventually([&] { return openDescriptors() <= before + kSlack; }),
             "descriptors are left over");
+    const std::int64_t held = privateMemory() - memory;
+    recover();
+    malloc_trim(0);
     row("F5", what_, grouped(timeOuts) + " time-outs",
         std::to_string(before) + " descriptors before, " + std::to_string(most) + " at most, " +
-            std::to_string(openDescriptors()) + " after; memory +" +
-            oneDecimal(static_cast<double>(privateMemory() - memory) / 1e6) +
-            " MB; the next good call succeeds");
+            std::to_string(openDescriptors()) + " after; memory " + megabytes(held) +
+            " more before the next good call, which succeeds, and " +
+            megabytes(privateMemory() - memory) + " after it");
   }
   milliseconds patience() { return milliseconds(pick(random_, 2)); }
 
@@ -61,6 +65,10 @@ class Exhaustion {
       return steady > 50;
     });
     return last;
+  }
+
+  static std::string megabytes(std::int64_t bytes) {
+    return oneDecimal(static_cast<double>(bytes) / 1e6) + " MB";
   }
 
   const char* const what_;
@@ -86,13 +94,15 @@ void destroyed() {
   RpcClient client(gone, milliseconds(0));
   gone.reset();
   expectTimeOut(client, milliseconds(0));  // the thread has its socket from now on
-  exhaustion.run([&] { expectTimeOut(client, exhaustion.patience()); });
-  const std::string endpoint = uniqueInproc();
-  const auto broker = makeMaster({endpoint});
-  broker->registerService(makeEcho("s", "i"));
-  broker->start();
-  RpcClient next(endpoint, milliseconds(0));
-  expectAnswer(next, "s", echoOf("s", "i", "m", "x"));
+  exhaustion.run([&] { expectTimeOut(client, exhaustion.patience()); },
+                 [] {
+                   const std::string endpoint = uniqueInproc();
+                   const auto broker = makeMaster({endpoint});
+                   broker->registerService(makeEcho("s", "i"));
+                   broker->start();
+                   RpcClient next(endpoint, milliseconds(0));
+                   expectAnswer(next, "s", echoOf("s", "i", "m", "x"));
+                 });
 }
 
 // Several addresses of the loopback, since each can only be called from so many ports a minute.
@@ -121,9 +131,11 @@ void stopped() {
     expectTimeOut(*clients.back(), milliseconds(1));
   }
   std::size_t turn = 0;
-  exhaustion.run([&] { expectTimeOut(*clients[++turn % clients.size()], exhaustion.patience()); });
-  broker->start();
-  expectAnswer(*clients[0], "s", echoOf("s", "i", "m", "x"));
+  exhaustion.run([&] { expectTimeOut(*clients[++turn % clients.size()], exhaustion.patience()); },
+                 [&] {
+                   broker->start();
+                   expectAnswer(*clients[0], "s", echoOf("s", "i", "m", "x"));
+                 });
 }
 
 void freeze(ChildProcess& process) {
@@ -146,9 +158,11 @@ void frozen() {
   freeze(master);
   for (const auto& client : clients) expectTimeOut(*client, milliseconds(1));
   std::size_t turn = 0;
-  exhaustion.run([&] { expectTimeOut(*clients[++turn % clients.size()], exhaustion.patience()); });
-  master.signal(SIGCONT);
-  for (const auto& client : clients) expectAnswer(*client, "master", "master/m/x");
+  exhaustion.run([&] { expectTimeOut(*clients[++turn % clients.size()], exhaustion.patience()); },
+                 [&] {
+                   master.signal(SIGCONT);
+                   for (const auto& client : clients) expectAnswer(*client, "master", "master/m/x");
+                 });
 }
 
 int run() {

@@ -54,12 +54,20 @@ class QuietBrokerObserver : public MessageBrokerObserver {
   void onUnpublish(const std::string&, const std::string&, bool, bool, bool) override {}
 };
 
+// Some in turn, since each name is kept until the program ends.
+std::string someIpc() {
+  static std::vector<std::string> names;
+  static std::size_t next = 0;
+  if (names.size() < 100) names.push_back(uniqueIpc());
+  return names[next++ % names.size()];
+}
+
 std::string endpointOf(Random& random) {
   switch (pick(random, 8)) {
     case 0:
       return "tcp://127.0.0.1:*";
     case 1:
-      return uniqueIpc();
+      return someIpc();
     default:
       return uniqueInproc();
   }
