@@ -169,7 +169,9 @@ class TESSEL_EXPORT MessageDispatcher {
   /// @copydoc unregisterSubscriber(const std::shared_ptr<Subscriber>&)
   void unregisterSubscriber(const std::shared_ptr<MultiSubscriber>& subscriber);
 
-  /// Starts the dispatcher's thread and its workers; does nothing when they run.
+  /// Starts the dispatcher's thread and its workers; does nothing when they run. Registrations that
+  /// a stop() has left are made anew at the broker; a subscriber that has had a value by then does
+  /// not get a cached one again.
   ///
   /// @throws std::system_error when there are no threads to be had; the dispatcher is then as it
   ///     was

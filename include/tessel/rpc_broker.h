@@ -80,7 +80,8 @@ class TESSEL_EXPORT RpcBroker {
   void detach(const std::shared_ptr<RpcBrokerObserver>& observer);
 
   /// Starts the dispatcher and the broker's thread; does nothing when they run. A slave announces
-  /// its services. Throws what the dispatcher's start() throws.
+  /// its services, also to a master that comes later; but not once more to one that has ended and
+  /// comes back. Throws what the dispatcher's start() throws.
   ///
   /// Waits for a stop() under way, except on a thread that the stop may be waiting for: in an
   /// observer on the broker's thread, in a service that the dispatcher runs, or in an observer of
