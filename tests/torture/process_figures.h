@@ -12,6 +12,13 @@
 
 namespace tessel::test {
 
+/// A sanitizer keeps what was freed, and more: then the memory of a process tells nothing.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+constexpr bool kMemoryTells = false;
+#else
+constexpr bool kMemoryTells = true;
+#endif
+
 /// Memory in the machine's pages that is the process's own, in bytes; 0 when it is gone. Files that
 /// it maps do not count.
 inline std::int64_t privateMemory(const std::string& process = "self") {
