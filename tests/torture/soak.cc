@@ -62,7 +62,7 @@ class Soak {
     const Torture& torture = Torture::instance();
     const double length = static_cast<double>(torture.length().count());
     const auto warmUp =
-        static_cast<double>(torture.number("--warm-up", static_cast<std::uint64_t>(length / 5)));
+        static_cast<double>(torture.number("--warm-up", static_cast<std::uint64_t>(length / 2)));
     Random random = randomFor(0);
     NodeHandle slave;
     Clock::time_point change = Clock::now();
