@@ -171,6 +171,9 @@ bool ZmqSocket::receive(ZmqFrame& frame, int flags) {
     return true;
   }
   if (zmq_errno() == EAGAIN) return false;
+  // When the peer goes before the last frame of a request, ZeroMQ drops the request, says that it
+  // was sent, and takes the wait for its reply for a mistake.
+  if (zmq_errno() == EFSM && peerGone()) return false;
   throwZmqError();
 }
 

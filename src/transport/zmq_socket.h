@@ -45,8 +45,9 @@ class ZmqSocket {
   /// True when sent, and the frame is then empty; false when that would have to wait.
   bool send(ZmqFrame& frame, int flags);
   bool send(std::shared_ptr<ZmqFrame>&& frame, int flags);
-  /// False on a time-out, or with ZMQ_DONTWAIT when nothing is there. A signal handler ends the
-  /// waiting for a message: thrown. Nothing else that a socket does is ended by one.
+  /// False on a time-out, with ZMQ_DONTWAIT when nothing is there, or at once when the in-process
+  /// peer of a request went before it had the whole of it. A signal handler ends the waiting for a
+  /// message: thrown. Nothing else that a socket does is ended by one.
   bool receive(ZmqFrame& frame, int flags);
   bool receive(const std::shared_ptr<ZmqFrame>& frame, int flags);
   /// Drops what is left of a message whose last frame read said that more would follow.

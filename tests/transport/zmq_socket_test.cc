@@ -12,6 +12,7 @@
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
+#include "support/resources.h"
 #include "support/socket_budget.h"
 #include "support/threads.h"
 #include "support/zmq_errors.h"
@@ -590,6 +591,38 @@ TEST(ZmqSocket, ARequestWhosePeerWentBeforeItRepliedCanBeSentAgain) {
   server.bind(endpoint);
   sendText(client, "found");
   EXPECT_EQ(receiveText(server), "found");
+}
+
+TEST(ZmqSocket, ARequestWhosePeerWentBeforeItWasWholeHasLostItsReply) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket request(ZMQ_REQ);
+  ZmqSocket peer(ZMQ_ROUTER);
+  peer.bind(endpoint);
+  request.connect(endpoint);
+  zmq_pollitem_t noticing[] = {{request.handle(), 0, ZMQ_POLLIN, 0},
+                               {peer.handle(), 0, ZMQ_POLLIN, 0}};
+  zmq_poll(noticing, 2, 0);  // the peer notices its connection
+  ZmqFrame first("begun", 5);
+  request.sendFirst(first, ZMQ_SNDMORE);
+  // Sockets are closed in the background one after the other: once the second has gone, the
+  // request's connection knows of the first.
+  ZmqSocket second(ZMQ_PAIR);
+  const int before = openDescriptors();
+  peer.close();
+  second.close();
+  ASSERT_TRUE(eventually([&] { return openDescriptors() < before; }));
+  zmq_poll(noticing, 1, 0);
+  ZmqFrame last("ended", 5);
+  EXPECT_TRUE(request.send(last, 0));
+  ZmqFrame reply;
+  ASSERT_EQ(zmq_msg_recv(reply.raw(), request.handle(), ZMQ_DONTWAIT), -1);
+  ASSERT_EQ(zmq_errno(), EFSM);  // as ZeroMQ says it
+  EXPECT_FALSE(request.receive(reply, 0));
+  request.reconnect();
+  ZmqSocket next(ZMQ_REP);
+  next.bind(endpoint);
+  sendText(request, "again");
+  EXPECT_EQ(receiveText(next), "again");
 }
 
 TEST(ZmqSocket, MessagesSentWhileNobodyIsBoundWaitForTheNext) {
