@@ -81,16 +81,20 @@ class TESSEL_EXPORT RpcBroker {
 
   /// Starts the dispatcher and the broker's thread; does nothing when they run. A slave announces
   /// its services, also to a master that comes later; but not once more to one that has ended and
-  /// comes back. Throws what the dispatcher's start() throws.
+  /// comes back, nor after its connection broke. The master that lives on knows it as somebody else
+  /// then: calls through it time out until its stop() and start(). Throws what the dispatcher's
+  /// start() throws.
   ///
   /// Waits for a stop() under way, except on a thread that the stop may be waiting for: in an
   /// observer on the broker's thread, in a service that the dispatcher runs, or in an observer of
-  /// such a call. There it does nothing.
+  /// such a call. There it does nothing. It also does nothing after an observer has called stop()
+  /// on the broker's thread, until a stop() from another thread has completed that one.
   ///
   /// @throws std::system_error when there is no thread to be had; the broker is then as it was
   void start();
   /// Waits for the broker's thread to end, then stops the dispatcher. A slave withdraws its
-  /// services from the master. Does nothing when the broker does not run, whatever the flags say.
+  /// services from the master; what has not left when it is destroyed, or the process ends, is
+  /// dropped. Does nothing when the broker does not run, whatever the flags say.
   ///
   /// Not from a service that a worker of a ThreadedRpcDispatcher runs: a worker cannot wait for
   /// itself, and the process ends. Throws what the dispatcher's stop() throws, in the end.
@@ -98,7 +102,8 @@ class TESSEL_EXPORT RpcBroker {
   /// @param clearServices releases every service, and forgets those of slaves
   /// @param clearObservers detaches every observer after that
   /// @throws std::system_error (resource_deadlock_would_occur) when an observer calls it on the
-  ///     broker's thread; the thread then ends, and a stop() from another thread completes the stop
+  ///     broker's thread; the thread then ends, and a stop() from another thread completes the
+  ///     stop: until then nothing is routed, the dispatcher runs on, and start() does nothing
   /// @throws std::system_error the same, when a service that the dispatcher runs, or an observer of
   ///     such a call, calls it while another thread is in stop(); nothing else happens then
   void stop(bool clearServices = false, bool clearObservers = false);
@@ -121,8 +126,9 @@ class TESSEL_EXPORT RpcBrokerObserver {
   virtual ~RpcBrokerObserver();
   /// A service was registered, with this broker or with a slave of it. Called on the thread that
   /// registers, with the broker's registry and observer list locked, so that it must not call the
-  /// broker; or for a slave on the broker's. An exception that leaves it reaches the caller of
-  /// registerService(), and the observers behind it are not told.
+  /// broker; or for a slave on the broker's. The broker routes no call before it
+  /// returns. An exception that
+  /// leaves it reaches the caller of registerService(), and the observers behind it are not told.
   ///
   /// @param serviceName the service's first name
   /// @param instanceName the service's second name

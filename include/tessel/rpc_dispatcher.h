@@ -45,7 +45,8 @@ class TESSEL_EXPORT RpcDispatcher {
   virtual ~RpcDispatcher();
   /// Called by RpcBroker::start(), before any request.
   virtual void start() = 0;
-  /// Called by RpcBroker::stop(), after the last request.
+  /// Called by RpcBroker::stop(), after the last request; and by an RpcBroker::start() that got no
+  /// thread, after start().
   virtual void stop() = 0;
   /// Called on the broker's thread; must not wait for the request to run. An exception that leaves
   /// it ends the process.
