@@ -179,6 +179,8 @@ TEST(Demo, EndsByItselfWithASaneSummary) {
 TEST(Demo, EndsInOrderOnCtrlC) {
   RunningDemo demo({"--watch"});
   ASSERT_TRUE(demo.readUntilJoined()) << demo.text();
+  ASSERT_TRUE(demo.readUntil("busiest ")) << demo.text();  // an answer has come
+
   ASSERT_EQ(kill(-demo.pid(), SIGINT), 0);  // the whole group, as a terminal does
   EXPECT_EQ(demo.wait(), 0) << demo.text();
   EXPECT_EQ(demo.numbersOf("withdrawn").size(), 3U) << demo.text();

@@ -30,10 +30,10 @@ void ProcessDesk::open() {
     if (std::chrono::steady_clock::now() > deadline) {
       throw std::runtime_error("the hub does not pass calls on");
     }
-    if (answer == Answer::NobodyHasTheService) {
-      broker_.unregisterService(service_);
-      broker_.registerService(service_);
-    }
+    // Also when none came: a connection that broke and is up again has a new identity, and the hub
+    // sends the calls to the old one.
+    broker_.unregisterService(service_);
+    broker_.registerService(service_);
     std::this_thread::sleep_for(kLook);
   }
 }

@@ -50,15 +50,18 @@ std::string describeWithdrawals(const Picture& picture, const std::optional<HubS
 
 std::string describeCalls(const CallReport& calls) {
   if (!calls.fault.empty()) return calls.fault;
+  if (calls.right == 0) return "nothing";
   return formatCount(calls.right) + " times by way of the hub, and every answer was right";
 }
 
 std::string describeRoundTrip(const CallReport& calls) {
+  if (calls.timed == 0) return "no call was timed";
   return "p50 " + formatMicroseconds(calls.p50) + ", p99 " + formatMicroseconds(calls.p99) +
          " from call to answer, " + formatCount(calls.timed) + " calls";
 }
 
 std::string describeErrors(const std::vector<CaughtError>& errors) {
+  if (errors.empty()) return "none was provoked";
   std::string text = formatCount(errors.size()) + " provoked, each caught as what it is";
   for (const CaughtError& error : errors) {
     std::string kind = error.kind;
@@ -85,7 +88,7 @@ Summary summarize(const Picture& picture, const std::optional<HubStatistics>& hu
                  line("errors       ", describeErrors(picture.calls.errors)) +
                  line("withdrawn    ", describeWithdrawals(picture, hub, sensorEnded));
   summary.good = hub && picture.join.complete && picture.join.difference.none() &&
-                 picture.calls.fault.empty() &&
+                 picture.calls.fault.empty() && picture.calls.right > 0 &&
                  (!sensorEnded || picture.withdrawn == picture.rows.size());
   return summary;
 }

@@ -12,7 +12,7 @@ namespace vitals {
 /// What the viewer has to say at its end.
 struct Summary {
   std::string text;
-  bool good = false;  ///< Nothing was missed, and no call went wrong.
+  bool good = false;  ///< Nothing was missed, calls were made, and none went wrong.
 };
 
 /// `sensorEnded`: it said so, and so must have withdrawn everything. `hub` is none if the hub was

@@ -124,6 +124,16 @@ TEST(Summary, IsBadWithAFaultOfACall) {
   EXPECT_THAT(bad.text, HasSubstr("\n  called       wrong answer: 43"));
 }
 
+TEST(Summary, IsBadWithoutAnyCallAndPraisesNone) {
+  Picture picture;
+  picture.join.complete = true;
+  const Summary summary = summarize(picture, HubStatistics(), true);
+  EXPECT_FALSE(summary.good);
+  EXPECT_THAT(summary.text, HasSubstr("\n  called       nothing\n"));
+  EXPECT_THAT(summary.text, HasSubstr("\n  round trip   no call was timed\n"));
+  EXPECT_THAT(summary.text, HasSubstr("\n  errors       none was provoked\n"));
+}
+
 TEST(Format, ChoosesHandyUnits) {
   const auto bytes = [](double amount) { return format({Unit::BytesPerSecond, amount, 0, 0}); };
   EXPECT_EQ(bytes(0), "0 B/s");
