@@ -18,11 +18,14 @@ namespace tessel {
 class RpcClientImpl {
  public:
   RpcClientImpl(const std::string& transport, std::chrono::milliseconds timeout)
-      : endpoint_(transport), receiveTimeout(timeout.count()) {}
+      : endpoint_(transport), receiveTimeout_(timeout.count()) {}
   RpcClientImpl(const std::shared_ptr<RpcBroker>& broker, std::chrono::milliseconds timeout)
       : localRoad_(implOf(broker).localRoad()),
         endpoint_(implOf(broker).clientEndpoint()),
-        receiveTimeout(timeout.count()) {}
+        receiveTimeout_(timeout.count()) {}
+
+  std::int64_t receiveTimeout() const { return receiveTimeout_; }
+  void setReceiveTimeout(std::int64_t milliseconds) { receiveTimeout_ = milliseconds; }
 
   /// False when no running broker of this process has the service.
   bool callLocally(const std::string& service, const std::string& instance,
@@ -41,7 +44,7 @@ class RpcClientImpl {
   void callRemotely(MessageRequest& request, std::unique_ptr<std::uint8_t[]>& out,
                     std::size_t& outSize) const {
     ZmqSocket& socket = ThreadSockets::ofThisThread().clients.socketFor(endpoint_);
-    socket.setReceiveTimeout(receiveTimeout);
+    socket.setReceiveTimeout(receiveTimeout_);
     request.send(socket);
     MessageReply reply;
     if (!reply.receive(socket)) {
@@ -87,9 +90,7 @@ class RpcClientImpl {
 
   const std::shared_ptr<LocalRoad> localRoad_;  // null when made on an endpoint
   const std::string endpoint_;
-
- public:
-  std::atomic<std::int64_t> receiveTimeout;  // milliseconds
+  std::atomic<std::int64_t> receiveTimeout_;  // milliseconds
 };
 
 RpcClient::RpcClient(const std::string& transport, std::chrono::milliseconds receiveTimeout)
@@ -111,11 +112,11 @@ void RpcClient::CallMethod(const std::string& service, const std::string& instan
 }
 
 std::chrono::milliseconds RpcClient::receiveTimeout() const {
-  return std::chrono::milliseconds(impl_->receiveTimeout.load());
+  return std::chrono::milliseconds(impl_->receiveTimeout());
 }
 
 void RpcClient::setReceiveTimeout(const std::chrono::milliseconds& timeout) {
-  impl_->receiveTimeout.exchange(timeout.count());
+  impl_->setReceiveTimeout(timeout.count());
 }
 
 }  // namespace tessel
