@@ -176,25 +176,25 @@ void RpcBrokerImpl::closeRegistry() {
   serving_ = false;
 }
 
-// A service, or an observer, must not wait for a stop() of another thread, which waits for it.
-// False when there is one. The analysis does not follow a lock that is taken on one way and not on
-// others.
-bool RpcBrokerImpl::enterLifecycle() {
+// An observer or a service must not wait for a stop() of another thread, which waits for it. The
+// analysis does not follow a lock that is taken on one way and not on others.
+RpcBrokerImpl::Entry RpcBrokerImpl::enterLifecycle() {
+  if (threadId_ == std::this_thread::get_id()) return Entry::kOnOwnThread;
   if (!RpcRequestImpl::runsOnThisThread(observers_)) {
     lifecycleMutex_.lock();
-    return true;
+    return Entry::kEntered;
   }
   while (!stopping_) {
-    if (lifecycleMutex_.tryLock()) return true;
+    if (lifecycleMutex_.tryLock()) return Entry::kEntered;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return false;
+  return Entry::kDuringStop;
 }
 
 void RpcBrokerImpl::start() {
-  // From an observer: it runs, and who holds the lock may be waiting for this thread to end.
-  if (threadId_ == std::this_thread::get_id()) return;
-  if (!enterLifecycle()) return;  // as if it came just before that stop
+  // Otherwise it runs, or it is as if this came just before that stop.
+  if (enterLifecycle() != Entry::kEntered) return;
+  lifecycleMutex_.assertHeld();
   const Lock lock(lifecycleMutex_, std::adopt_lock);
   if (thread_.joinable()) return;
   dispatcher_->start();
@@ -210,13 +210,11 @@ void RpcBrokerImpl::start() {
 }
 
 void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
-  if (threadId_ == std::this_thread::get_id()) {
-    // Without the lock: another thread may hold it, waiting for this one to end.
-    stopRequested_ = true;
-    throwDeadlock();
-  }
   Services released;  // after the locks: their destructors may call the broker
-  if (!enterLifecycle()) throwDeadlock();
+  const Entry entry = enterLifecycle();
+  if (entry == Entry::kOnOwnThread) stopRequested_ = true;
+  if (entry != Entry::kEntered) throwDeadlock();
+  lifecycleMutex_.assertHeld();
   const Lock lock(lifecycleMutex_, std::adopt_lock);
   if (!thread_.joinable()) return;
   const Raised stopping(stopping_);

@@ -84,6 +84,9 @@ class RpcBrokerImpl {
   using ServiceKeys = std::vector<ServiceKey>;
   using Services = std::map<ServiceKey, std::shared_ptr<Service>, ServiceKeyLess>;
   enum class Announce { kOffer, kWithdraw };
+  // What becomes of a start() or stop(): it goes ahead, with the lock held; or it does not, since
+  // the broker's own thread makes it, or one that a stop() under way may be waiting for.
+  enum class Entry { kEntered, kOnOwnThread, kDuringStop };
 
   void run(const ServiceKeys& announced);
   void leave() TESSEL_EXCLUDES(registryMutex_);
@@ -99,7 +102,7 @@ class RpcBrokerImpl {
       TESSEL_REQUIRES(registryMutex_);
   ServiceKeys openRegistry() TESSEL_EXCLUDES(registryMutex_);
   void closeRegistry() TESSEL_EXCLUDES(registryMutex_);
-  bool enterLifecycle() TESSEL_TRY_ACQUIRE(true, lifecycleMutex_) TESSEL_NO_THREAD_SAFETY_ANALYSIS;
+  Entry enterLifecycle() TESSEL_NO_THREAD_SAFETY_ANALYSIS;
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;

@@ -16,6 +16,8 @@ class TESSEL_CAPABILITY("mutex") Mutex {
   void lock() TESSEL_ACQUIRE() { mutex_.lock(); }
   bool tryLock() TESSEL_TRY_ACQUIRE(true) { return mutex_.try_lock(); }
   void unlock() TESSEL_RELEASE() { mutex_.unlock(); }
+  // Tells the analysis what it cannot follow: that the caller has it.
+  void assertHeld() TESSEL_ASSERT_CAPABILITY(this) {}
 
  private:
   friend class Condition;

@@ -16,6 +16,7 @@
 #define TESSEL_ACQUIRE(...) TESSEL_THREAD_ATTRIBUTE(acquire_capability(__VA_ARGS__))
 #define TESSEL_RELEASE(...) TESSEL_THREAD_ATTRIBUTE(release_capability(__VA_ARGS__))
 #define TESSEL_TRY_ACQUIRE(...) TESSEL_THREAD_ATTRIBUTE(try_acquire_capability(__VA_ARGS__))
+#define TESSEL_ASSERT_CAPABILITY(...) TESSEL_THREAD_ATTRIBUTE(assert_capability(__VA_ARGS__))
 #define TESSEL_NO_THREAD_SAFETY_ANALYSIS TESSEL_THREAD_ATTRIBUTE(no_thread_safety_analysis)
 
 #endif
