@@ -4,6 +4,7 @@
 #include <tessel/rpc_client.h>
 #include <tessel/rpc_error.h>
 
+#include <atomic>
 #include <memory>
 #include <stdexcept>
 #include <string>
@@ -11,6 +12,7 @@
 
 #include "support/hand_served_rpc_broker.h"
 #include "support/text_of.h"
+#include "support/threads.h"
 
 namespace tessel::test {
 namespace {
@@ -198,6 +200,78 @@ TEST(RpcBrokerObservers, HearOnTheThreadThatCausedTheEvent) {
   broker.registerService(service);
   broker.unregisterService(service);
   EXPECT_THAT(threads, ElementsAre(std::this_thread::get_id(), std::this_thread::get_id()));
+}
+
+TEST(RpcBrokerObservers, HearOnTheBrokersThreadOfASlavesServicesAndOfWhatNobodyHas) {
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  RpcBroker broker(true, {endpoint}, dispatcher);
+  Journal brokersThread;  // by which requests are submitted
+  Journal heardOn;
+  const auto recorder = std::make_shared<RecordingRpcObserver>(
+      [&](const std::string&) { heardOn.add(std::to_string(thisThread())); });
+  dispatcher->onSubmit = [&] { brokersThread.add(std::to_string(thisThread())); };
+  broker.registerService(answering("s", "i", "ok"));
+  broker.attach(recorder);
+  broker.start();
+  NamedDealer peer("peer", endpoint);
+  peer.send(enveloped({}, registrationFrames(true, "remote", "i")));
+  peer.send(ask("nobody", "has it"));
+  peer.send(enveloped({}, registrationFrames(false, "remote", "i")));
+  peer.send(ask("s", "i"));
+  const Lines submitter = brokersThread.lines(1);
+  ASSERT_EQ(submitter.size(), 1U);
+  EXPECT_THAT(recorder->journal.lines(),
+              ElementsAre("registered remote i remote peer",
+                          withNul("reply nobody has it method 2 service not found"),
+                          "unregistered remote i remote peer"));
+  EXPECT_THAT(heardOn.lines(), ElementsAre(submitter[0], submitter[0], submitter[0]));
+  EXPECT_NE(submitter[0], std::to_string(thisThread()));
+}
+
+// So that all of them agree on what is registered.
+TEST(RpcBrokerObservers, HoldUpWhoRegistersAttachesOrLooksUpWhileTheyHearOfARegistration) {
+  const auto broker =
+      std::make_shared<RpcBroker>(true, Lines{}, std::make_shared<KeepingDispatcher>());
+  Gate hearing;
+  Gate gate;
+  const auto observer = std::make_shared<RecordingRpcObserver>([&](const std::string& line) {
+    if (line != "registered held i local") return;
+    hearing.open();
+    gate.pass();
+  });
+  broker->attach(observer);
+  broker->registerService(answering("there", "i", "ok"));
+  broker->start();
+  RpcClient client(broker, kPatience);
+  Journal done;
+  std::atomic<int> numbers[3] = {};
+  {
+    ScopedThread registering([&] { broker->registerService(answering("held", "i", "")); });
+    hearing.pass();
+    const auto meanwhile = [&](int which, auto operation) {
+      return [&, which, operation] {
+        numbers[which] = thisThread();
+        operation();
+        done.add("done");
+      };
+    };
+    ScopedThread registers(
+        meanwhile(0, [&] { broker->registerService(answering("another", "i", "")); }));
+    ScopedThread attaches(meanwhile(1, [&] { broker->attach(observer); }));
+    ScopedThread looksUp(meanwhile(2, [&] {
+      Buffer out;
+      std::size_t size = 0;
+      client.CallMethod("there", "i", "m", "", 0, out, size);
+    }));
+    for (const std::atomic<int>& number : numbers) {
+      EXPECT_TRUE(eventually([&] { return number != 0; }));
+      EXPECT_TRUE(waitUntilAsleep(number));
+    }
+    EXPECT_EQ(done.size(), 0U);
+    gate.open();
+  }
+  EXPECT_EQ(done.size(), 3U);
 }
 
 TEST(RpcBrokerObservers, WhatTheyThrowAtARegistrationReachesItsCaller) {

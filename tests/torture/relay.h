@@ -47,6 +47,8 @@ class Relay {
   /// refuse(false).
   void refuse(bool refused) { refused_ = refused; }
   void setReset(bool reset) { reset_ = reset; }
+  /// How many connections it has ended, or seen the end of.
+  int ended() const { return ended_; }
 
  private:
   using Clock = std::chrono::steady_clock;
@@ -154,6 +156,7 @@ class Relay {
       if (reset_) setsockopt(socket, SOL_SOCKET, SO_LINGER, &none, sizeof none);
       close(socket);
     }
+    ++ended_;
   }
 
   const sockaddr_in target_;
@@ -161,6 +164,7 @@ class Relay {
   const int listener_;
   std::atomic<std::int64_t> delay_{0};
   std::atomic<bool> stalled_{false}, refused_{false}, reset_{false}, over_{false};
+  std::atomic<int> ended_{0};
   std::list<Connection> connections_;  // of the thread, while it runs
   std::thread thread_;
 };
