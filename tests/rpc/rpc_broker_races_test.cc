@@ -283,24 +283,6 @@ class StuckDispatcher : public RpcDispatcher {
   Gate gate;
 };
 
-TEST(RpcBrokerRaces, RegisteringDoesNotWaitForABusySlave) {
-  const Watchdog watchdog("registering with a busy slave");
-  RawMaster raw;
-  const auto dispatcher = std::make_shared<StuckDispatcher>();
-  RpcBroker slave(false, {raw.endpoint}, dispatcher);
-  slave.registerService(makeEcho("a", "first"));
-  slave.start();
-  Frames asked = request("a", "first");
-  asked.insert(asked.begin(), {raw.next().identity, "client"});
-  raw.router.send(asked);
-  dispatcher->inside.pass();
-  for (int i = 0; i < 5000; ++i) slave.registerService(makeEcho("s", std::to_string(i)));
-  dispatcher->gate.open();
-  for (int i = 0; i < 5000; ++i) {
-    ASSERT_EQ(raw.next(), (RawMaster::Registration{"", true, "s", std::to_string(i)}));
-  }
-}
-
 // One thread's services, some of them registered.
 class Registrar {
  public:

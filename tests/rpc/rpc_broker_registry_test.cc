@@ -146,20 +146,6 @@ TEST(RpcBrokerRegistry, LooksUpForThisProcessOnlyWhileItRuns) {
   EXPECT_EQ(broker.findLocalService("s", "i"), nullptr);
 }
 
-TEST(RpcBrokerRegistry, StartsAndStopsItsDispatcherOnceEach) {
-  const auto dispatcher = std::make_shared<KeepingDispatcher>();
-  RpcBroker broker(true, {}, dispatcher);
-  EXPECT_EQ(dispatcher->starts, 0);
-  broker.start();
-  broker.start();
-  EXPECT_EQ(dispatcher->starts, 1);
-  EXPECT_EQ(dispatcher->stops, 0);
-  broker.stop();
-  broker.stop();
-  EXPECT_EQ(dispatcher->starts, 1);
-  EXPECT_EQ(dispatcher->stops, 1);
-}
-
 // What is registered, locally and by a slave, and who watches, by what a call brings.
 class RpcBrokerStop : public testing::Test {
  protected:
