@@ -8,6 +8,7 @@ build_packages=(cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
   ninja-build pkg-config)
 check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev
   python3-zmq)
+packaging_packages=("${build_packages[@]}" abigail-tools dpkg-dev lintian)
 analysis_packages=("${check_packages[@]}" clang-tidy clang-tools-14 cppcheck)
 
 say() { printf '%s\n' "$*"; }
@@ -94,3 +95,14 @@ build_preset() {
     logged "$preset-build" fixed_addresses cmake --build --preset "$preset" -j "$(jobs)"
   )
 }
+
+# build_for_packages: the library in build/package as Debian builds it, with debugging information.
+build_for_packages() (
+  cd "$root"
+  export DEB_BUILD_MAINT_OPTIONS=hardening=+all
+  logged package-configure cmake -S . -B build/package -G Ninja -DCMAKE_BUILD_TYPE=None \
+    -DCMAKE_CXX_COMPILER=g++ -DCMAKE_INSTALL_PREFIX=/usr -DTESSEL_PACKAGES=ON -DTESSEL_TESTS=OFF \
+    -DTESSEL_EXAMPLES=OFF -DCMAKE_CXX_FLAGS="$(dpkg-buildflags --get CPPFLAGS) \
+$(dpkg-buildflags --get CXXFLAGS)" -DCMAKE_SHARED_LINKER_FLAGS="$(dpkg-buildflags --get LDFLAGS)"
+  logged package-build cmake --build build/package -j "$(jobs)"
+)
