@@ -10,9 +10,11 @@ foreach(property ${watched_properties})
 endforeach()
 
 if(CONSUMER_FETCHES)
+  # [fetch]
   include(FetchContent)
   FetchContent_Declare(tessel SOURCE_DIR ${CONSUMER_EMBEDS})
   FetchContent_MakeAvailable(tessel)
+  # [fetch]
 else()
   add_subdirectory(${CONSUMER_EMBEDS} tessel)
 endif()
