@@ -15,15 +15,21 @@ class PollSet {
   PollSet(std::initializer_list<void*> handles);
 
   /// For a socket that was made anew.
-  void replace(std::size_t index, void* handle) { items_[index].socket = handle; }
+  void replace(std::size_t index, void* handle);
   /// Waits without a time-out until one is readable; a signal handler does not end the wait.
   /// Throws std::runtime_error with ZeroMQ's text when the poll fails.
   void wait();
   /// What the last wait() found.
-  bool readable(std::size_t index) const { return (items_[index].revents & ZMQ_POLLIN) != 0; }
+  bool readable(std::size_t index) const { return readable_[index]; }
 
  private:
-  std::vector<zmq_pollitem_t> items_;
+  bool look();
+
+  std::vector<void*> handles_;
+  // What wakes each socket's owner: it tells that something has happened to the socket since its
+  // state was last asked for, and only the socket itself knows whether that was a message.
+  std::vector<zmq_pollitem_t> signals_;
+  std::vector<bool> readable_;
 };
 
 }  // namespace tessel

@@ -99,10 +99,39 @@ TEST(PollSet, SignalHandlersDoNotEndTheWait) {
   EXPECT_TRUE(woken);
 }
 
-TEST(PollSet, ThrowsTheZmqTextWhenThePollFails) {
+TEST(PollSet, ThrowsTheZmqTextWhenAHandleIsNoSocket) {
   char noSocket[4096] = {};  // memory without the mark that ZeroMQ looks for in a handle
-  PollSet poll{static_cast<void*>(noSocket)};
-  EXPECT_ZMQ_ERROR(poll.wait(), ENOTSOCK);
+  EXPECT_ZMQ_ERROR(PollSet{static_cast<void*>(noSocket)}, ENOTSOCK);
+  ZmqEvent event;
+  PollSet poll{event.pollHandle()};
+  EXPECT_ZMQ_ERROR(poll.replace(0, noSocket), ENOTSOCK);
+}
+
+// The handle that wakes a waiting thread is not raised again for a message that was there already:
+// whoever waits must see by itself that there is something left to read.
+TEST(PollSet, SeesWhatWasLeftUnreadBeforeIt) {
+  ZmqEvent event;
+  PollSet poll{event.pollHandle()};
+  for (int i = 0; i < 3; ++i) event.signal();
+  for (int left = 3; left > 0; --left) {
+    poll.wait();
+    EXPECT_TRUE(poll.readable(0));
+    event.consume();
+  }
+}
+
+TEST(PollSet, WaitsForTheSocketThatWasMadeAnew) {
+  ZmqEvent old;
+  ZmqEvent made;
+  PollSet poll{old.pollHandle()};
+  poll.replace(0, made.pollHandle());
+  std::thread other([&made, waiting = thisThread()] {
+    waitUntilAsleep(waiting);
+    made.signal();
+  });
+  poll.wait();
+  EXPECT_TRUE(poll.readable(0));
+  other.join();
 }
 
 }  // namespace

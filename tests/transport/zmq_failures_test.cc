@@ -22,6 +22,7 @@
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
 #include "support/socket_budget.h"
+#include "support/threads.h"
 #include "support/zmq_errors.h"
 #include "transport/poll_set.h"
 #include "transport/thread_socket_cache.h"
@@ -255,10 +256,14 @@ TEST(ZmqFailures, AnEventThatCannotBeMadeThrows) {
 
 TEST(ZmqFailures, AnInterruptedWaitGoesOn) {
   ZmqEvent event;
-  event.signal();
   PollSet poll{event.pollHandle()};
   const Failing failing("zmq_poll", EINTR, 0, 3);
+  std::thread other([&event, waiting = thisThread()] {
+    waitUntilAsleep(waiting);
+    event.signal();
+  });
   EXPECT_EQ(zmqErrorOf([&] { poll.wait(); }), "nothing thrown");
+  other.join();
   EXPECT_TRUE(failing.used());
   EXPECT_TRUE(poll.readable(0));
 }
