@@ -60,23 +60,13 @@ void roundTrip(benchmark::State& state) {
   }));
 }
 
-enum class How { kAtOnce, kEach };
-
-// Many tasks for one value, and waiting for all; per task.
-void burst(benchmark::State& state, How how, int tasks) {
+// Many tasks, and waiting for all; per task.
+void burst(benchmark::State& state, int tasks) {
   WorkQueue queue(kWorkers);
   std::atomic<std::int64_t> ran{0};
-  std::vector<WorkQueue::Task> batch;
   const Usage before = Usage::now();
   for (auto _ : state) {
-    for (int i = 0; i < tasks; ++i) {
-      if (how == How::kEach) {
-        queue.push(makeTask(ran));
-      } else {
-        batch.push_back(makeTask(ran));
-      }
-    }
-    if (how == How::kAtOnce) queue.pushAll(batch);
+    for (int i = 0; i < tasks; ++i) queue.push(makeTask(ran));
     queue.waitIdle();
   }
   reportUsage(state, before, static_cast<double>(ran.load()));
@@ -94,13 +84,9 @@ void registerAll() {
   benchmark::RegisterBenchmark("work_queue/round_trip", roundTrip)->UseRealTime();
   benchmark::RegisterBenchmark("work_queue/wait_idle", idle)->UseRealTime();
   for (const int tasks : {50, 100}) {
-    const auto add = [&](const std::string& name, How how) {
-      benchmark::RegisterBenchmark((name + "/" + std::to_string(tasks)).c_str(),
-                                   [=](benchmark::State& state) { burst(state, how, tasks); })
-          ->UseRealTime();
-    };
-    add("work_queue/push_all", How::kAtOnce);
-    add("work_queue/push_each", How::kEach);
+    benchmark::RegisterBenchmark(("work_queue/push_each/" + std::to_string(tasks)).c_str(),
+                                 [=](benchmark::State& state) { burst(state, tasks); })
+        ->UseRealTime();
   }
 }
 

@@ -22,7 +22,9 @@ void ValueNotification::send(ZmqSocket& socket) {
 bool receiveNotification(ZmqSocket& socket, ReceivedNotification& notification, int flags) {
   ZmqFrame key;
   if (!socket.receive(key, flags)) return false;
-  notification.key = key.toString();
+  notification.key.assign(static_cast<const char*>(key.data()), key.size());
+  notification.value = ZmqFrame();
+  notification.flags = 0;
   if (!key.more()) return true;
   socket.receive(notification.value, 0);
   if (!notification.value.more()) return true;

@@ -35,8 +35,7 @@ class ValueNotification {
   ZmqFrame flags_;
 };
 
-/// A notification as it was received; what a peer left out reads as empty. One such object serves
-/// every delivery made from it, so the value is never copied.
+/// A notification as it was received; what a peer left out reads as empty.
 struct ReceivedNotification {
   bool replayed() const { return (flags & kReplayed) != 0; }
   bool withdrawn() const { return (flags & kWithdrawn) != 0; }
@@ -47,7 +46,7 @@ struct ReceivedNotification {
 };
 
 /// Reads one notification, whatever its shape; false when none is there. Frames after the third are
-/// dropped. `notification` comes fresh.
+/// dropped. What `notification` held before is gone then.
 bool receiveNotification(ZmqSocket& socket, ReceivedNotification& notification, int flags = 0);
 
 }  // namespace tessel

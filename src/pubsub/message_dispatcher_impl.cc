@@ -8,26 +8,12 @@
 #include "pubsub/high_water_marks.h"
 
 namespace tessel {
-namespace {
-
-// Whose callbacks the thread runs; set once and for all, since a worker serves one dispatcher only.
-thread_local const MessageDispatcherImpl* served = nullptr;
-
-// On a worker thread.
-void deliver(const SubscriptionBase& subscription, const ReceivedNotification& value) {
-  if (value.withdrawn()) {
-    subscription.deliverDeletion(value.key);
-  } else {
-    subscription.deliverValue(value.key, value.value.data(), value.value.size());
-  }
-}
-
-}  // namespace
 
 MessageDispatcherImpl::MessageDispatcherImpl(const std::string& updatesTransport,
                                              const std::string& cacheTransport,
                                              std::size_t workerCount)
     : workerCount_(workerCount),
+      deliveries_(workerCount),
       poll_{wakeup_.pollHandle(), updates_.socket().handle(), cache_.socket().handle()} {
   // Subscriptions go out on these sockets; a burst of them must not meet a limit.
   updates_.socket().setOption(ZMQ_SNDHWM, kNoHighWaterMark);
@@ -57,7 +43,7 @@ void MessageDispatcherImpl::unregisterSubscription(std::shared_ptr<SubscriptionB
 }
 
 bool MessageDispatcherImpl::isOnOwnThread() const {
-  return threadId_ == std::this_thread::get_id() || served == this;
+  return threadId_ == std::this_thread::get_id() || deliveries_.isOnWorker();
 }
 
 void MessageDispatcherImpl::start() {
@@ -90,7 +76,9 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
   }
   deliveryQueue_->cancelWaits();  // the deliveries waited for may never end
   thread_.join();
+  deliveries_.abandon();
   deliveryQueue_.reset();
+  deliveries_.clear();
   if (!clearSubscriptions) return;
   updates_.clear();
   cache_.clear();
@@ -109,7 +97,10 @@ void MessageDispatcherImpl::run() {
 
 bool MessageDispatcherImpl::serveOnce() {
   if (stopRequested_) return false;
-  if (idle_) poll_.wait();  // only when nothing waits: a poll costs several system calls
+  if (idle_) {  // only when nothing waits: a poll costs several system calls
+    deliveries_.callWorkers(*deliveryQueue_);
+    poll_.wait();
+  }
   if (stopRequested_) return false;
   if (wakePending_) applyRegistrations();
   const bool update = serveMessage(updates_);
@@ -146,27 +137,21 @@ SubscriptionTable& MessageDispatcherImpl::tableOf(const SubscriptionBase& subscr
 }
 
 bool MessageDispatcherImpl::serveMessage(SubscriptionTable& table) {
-  ReceivedNotification value;
-  if (!receiveNotification(table.socket(), value, ZMQ_DONTWAIT)) return false;
+  if (!receiveNotification(table.socket(), received_, ZMQ_DONTWAIT)) return false;
   // The callbacks of one value end before those of the next begin, whichever socket it came from.
-  if (deliveryQueue_->waitIdle()) {
-    dispatch(table, std::make_shared<ReceivedNotification>(std::move(value)));
-  }
+  if (deliveries_.finish(*deliveryQueue_)) dispatch(table);
   return true;
 }
 
-void MessageDispatcherImpl::dispatch(SubscriptionTable& table,
-                                     const std::shared_ptr<ReceivedNotification>& value) {
-  table.visitMatches(value->key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
-    if (value->replayed() && subscription->delivered()) return true;
+void MessageDispatcherImpl::dispatch(SubscriptionTable& table) {
+  deliveries_.clear();
+  table.visitMatches(received_.key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
+    if (received_.replayed() && subscription->delivered()) return true;
     subscription->setDelivered();
-    deliveries_.emplace_back([this, subscription, value] {
-      served = this;
-      deliver(*subscription, *value);
-    });
+    deliveries_.add(subscription);
     return subscription->mode() != SubscriptionMode::Once;
   });
-  deliveryQueue_->pushAll(deliveries_);
+  deliveries_.run(std::move(received_), *deliveryQueue_);
 }
 
 }  // namespace tessel

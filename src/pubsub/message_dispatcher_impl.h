@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "messages/value_notification.h"
+#include "pubsub/deliveries.h"
 #include "pubsub/subscription.h"
 #include "pubsub/subscription_table.h"
 #include "transport/mutex.h"
@@ -44,7 +45,7 @@ class MessageDispatcherImpl {
   bool serveOnce();
   void applyRegistrations() TESSEL_EXCLUDES(registrationMutex_);
   bool serveMessage(SubscriptionTable& table);
-  void dispatch(SubscriptionTable& table, const std::shared_ptr<ReceivedNotification>& value);
+  void dispatch(SubscriptionTable& table);
   SubscriptionTable& tableOf(const SubscriptionBase& subscription);
   void wake() TESSEL_REQUIRES(registrationMutex_);
 
@@ -53,8 +54,9 @@ class MessageDispatcherImpl {
   // The dispatcher thread's own; others touch them only before start() or after the join.
   SubscriptionTable updates_;
   SubscriptionTable cache_;
-  std::vector<WorkQueue::Task> deliveries_;  // of the message in hand; kept for its memory
-  bool idle_ = true;                         // the last pass found nothing to read
+  ReceivedNotification received_;  // the message in hand; kept for the memory of its key
+  Deliveries deliveries_;          // of the last one dispatched; outlives the queue that runs them
+  bool idle_ = true;               // the last pass found nothing to read
 
   // Made before the thread starts and destroyed after it was joined, so it needs no lock.
   std::unique_ptr<WorkQueue> deliveryQueue_;

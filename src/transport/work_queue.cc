@@ -1,6 +1,5 @@
 #include "transport/work_queue.h"
 
-#include <algorithm>
 #include <utility>
 
 namespace tessel {
@@ -37,37 +36,20 @@ WorkQueue::~WorkQueue() {
 void WorkQueue::push(Task task) {
   const Lock lock(mutex_);
   tasks_.push_back(std::move(task));
-  wakeFor(1);
-}
-
-void WorkQueue::pushAll(std::vector<Task>& tasks) {
-  {
-    const Lock lock(mutex_);
-    const std::size_t before = tasks_.size();
-    try {
-      for (Task& task : tasks) tasks_.push_back(std::move(task));
-    } catch (...) {
-      wakeFor(tasks_.size() - before);
-      throw;
-    }
-    wakeFor(tasks.size());
-  }
-  tasks.clear();
-}
-
-void WorkQueue::wakeFor(std::size_t pushed) {
-  pending_ += pushed;
-  queued_ += pushed;
+  ++pending_;
   // Those who look find their tasks by themselves.
-  const std::size_t unattended = queued_ - std::min<std::size_t>(queued_, looking_);
-  for (std::size_t n = std::min({pushed, unattended, sleeping_}); n > 0; --n) {
-    --sleeping_;
-    taskAvailable_.notifyOne();
-  }
+  if (++queued_ <= looking_ || sleeping_ == 0) return;
+  --sleeping_;
+  taskAvailable_.notifyOne();
+}
+
+bool WorkQueue::isIdleSoon() {
+  giveWayUntil([this] { return pending_ == 0; });
+  return pending_ == 0;
 }
 
 bool WorkQueue::waitIdle() {
-  giveWayUntil([this] { return pending_ == 0; });
+  if (isIdleSoon() && !waitsCancelled_) return true;
   const Lock lock(mutex_);
   while (pending_ != 0 && !waitsCancelled_) idle_.wait(mutex_);
   return !waitsCancelled_;

@@ -29,9 +29,8 @@ class WorkQueue {
   WorkQueue& operator=(const WorkQueue&) = delete;
 
   void push(Task task) TESSEL_EXCLUDES(mutex_);
-  /// Pushes all of them in order, as one; leaves the vector empty. When memory runs out on the way,
-  /// those that there was room for are run.
-  void pushAll(std::vector<Task>& tasks) TESSEL_EXCLUDES(mutex_);
+  /// Whether every task pushed has returned; gives way to other threads a few times until it has.
+  bool isIdleSoon();
   /// Waits until every task pushed has returned: true. False, sooner, after cancelWaits().
   bool waitIdle() TESSEL_EXCLUDES(mutex_);
   /// Ends the waiting in waitIdle(), now and from now on: what it waits for may never come.
@@ -39,7 +38,6 @@ class WorkQueue {
 
  private:
   void run() TESSEL_EXCLUDES(mutex_);
-  void wakeFor(std::size_t pushed) TESSEL_REQUIRES(mutex_);
   void tearDown() TESSEL_EXCLUDES(mutex_);
   bool dropOne() TESSEL_EXCLUDES(mutex_);
 
@@ -48,7 +46,6 @@ class WorkQueue {
   Condition taskAvailable_;
   Condition idle_;
   bool stopping_ TESSEL_GUARDED_BY(mutex_) = false;
-  bool waitsCancelled_ TESSEL_GUARDED_BY(mutex_) = false;
   std::deque<Task> tasks_ TESSEL_GUARDED_BY(mutex_);
   // Workers waiting for a task and not yet told to wake; nobody else needs a signal.
   std::size_t sleeping_ TESSEL_GUARDED_BY(mutex_) = 0;
@@ -56,6 +53,7 @@ class WorkQueue {
   // Changed under the mutex, but for the marked one; looked at without it before anybody sleeps.
   std::atomic<std::uint64_t> pending_{0};  // pushed and not yet returned: queued and running ones
   std::atomic<std::size_t> queued_{0};     // the size of tasks_
+  std::atomic<bool> waitsCancelled_{false};
   // Workers that will look into tasks_ before they sleep; counted up without the mutex.
   std::atomic<std::size_t> looking_{0};
 };

@@ -155,12 +155,7 @@ TEST(WorkQueue, WakesForEveryTaskHoweverTheyCome) {
     int pushed = 0;
     for (int round = 0; round < 300; ++round) {
       const int count = round % 7 + 1;
-      if (round % 2 == 0) {
-        for (int i = 0; i < count; ++i) queue.push([&] { ++ran; });
-      } else {
-        std::vector<WorkQueue::Task> tasks(static_cast<std::size_t>(count), [&] { ++ran; });
-        queue.pushAll(tasks);
-      }
+      for (int i = 0; i < count; ++i) queue.push([&] { ++ran; });
       pushed += count;
       if (round % 3 == 0) queue.waitIdle();
       if (round % 5 == 0) std::this_thread::sleep_for(std::chrono::microseconds(100));
@@ -194,49 +189,6 @@ TEST(WorkQueue, ATaskMayPushAnother) {
   queue.push(again);
   EXPECT_TRUE(queue.waitIdle());
   EXPECT_EQ(ran.load(), 100);
-}
-
-// ---- pushAll
-
-TEST(WorkQueue, PushAllKeepsTheOrderAndEmptiesTheVector) {
-  std::vector<int> order;
-  HeldTask held;
-  WorkQueue queue(1);
-  queue.push(held.task());
-  queue.push([&] { order.push_back(-1); });
-  std::vector<WorkQueue::Task> tasks;
-  for (int i = 0; i < 5; ++i) tasks.emplace_back([&, i] { order.push_back(i); });
-  queue.pushAll(tasks);
-  EXPECT_TRUE(tasks.empty());
-  queue.push([&] { order.push_back(5); });
-  held.letGo();
-  EXPECT_TRUE(queue.waitIdle());
-  EXPECT_EQ(order, (std::vector<int>{-1, 0, 1, 2, 3, 4, 5}));
-}
-
-TEST(WorkQueue, PushAllOfNothingIsNothing) {
-  WorkQueue queue(1);
-  std::vector<WorkQueue::Task> none;
-  queue.pushAll(none);
-  EXPECT_TRUE(queue.waitIdle());
-}
-
-TEST(WorkQueue, PushAllWakesAsManyWorkersAsThereAreTasks) {
-  constexpr std::size_t kWorkers = 3;
-  WatchedQueue watched(kWorkers);
-  WorkQueue& queue = watched.queue();
-  for (int round = 0; round < 20; ++round) {
-    if (round % 2 == 0) watched.waitUntilAsleep();
-    std::atomic<std::size_t> here{0};
-    std::atomic<bool> allMet{true};
-    std::vector<WorkQueue::Task> tasks(kWorkers, [&] {
-      ++here;
-      if (!eventually([&] { return here.load() >= kWorkers; })) allMet = false;
-    });
-    queue.pushAll(tasks);
-    EXPECT_TRUE(queue.waitIdle());
-    ASSERT_TRUE(allMet.load()) << round;
-  }
 }
 
 // ---- waitIdle

@@ -1,0 +1,65 @@
+#ifndef TESSEL_SRC_PUBSUB_DELIVERIES_H
+#define TESSEL_SRC_PUBSUB_DELIVERIES_H
+
+#include <atomic>
+#include <cstddef>
+#include <memory>
+#include <utility>
+#include <vector>
+
+#include "messages/value_notification.h"
+#include "pubsub/subscription.h"
+#include "transport/work_queue.h"
+
+namespace tessel {
+
+/// The callbacks of one value, run by the workers of a queue; one value after the other.
+///
+/// Workers take them from a list by a common index, each the next one as soon as it is free: no
+/// task, allocation or lock for each callback. The first worker is called at once, the others when
+/// the dispatcher thread has nothing better to do than to sleep and callbacks are still left: most
+/// are done by then, and waking a thread takes longer than dozens of them.
+class Deliveries {
+ public:
+  explicit Deliveries(std::size_t workerCount) : workerCount_(workerCount) {}
+
+  // Of the dispatcher thread.
+
+  /// Adds a callback for the next value, while nothing is under way.
+  void add(std::shared_ptr<SubscriptionBase> subscription) {
+    subscriptions_.push_back(std::move(subscription));
+  }
+  /// Calls what was added with the value. Under way until the queue is idle.
+  void run(ReceivedNotification&& value, WorkQueue& queue);
+  /// Has every worker take part for whom there is a callback left. Before a sleep, since a callback
+  /// may wait for the next one.
+  void callWorkers(WorkQueue& queue);
+  /// Waits until all have returned: true. False when waiting was cancelled.
+  bool finish(WorkQueue& queue);
+
+  /// Keeps what has not begun from beginning. When the dispatcher thread has ended.
+  void abandon() { next_ = subscriptions_.size(); }
+  /// Releases everything, when nothing is under way.
+  void clear();
+  /// Whether the calling thread is a worker that has run callbacks from here.
+  bool isOnWorker() const;
+
+ private:
+  void callWorker(WorkQueue& queue);
+  void work();
+
+  const std::size_t workerCount_;
+  std::size_t called_ = 0;  // workers; the dispatcher thread's own
+
+  // Changed by the dispatcher thread while nothing is under way, then by the worker whose turn it
+  // is: he moves out what he calls, and whoever is the last to leave empties the value.
+  std::vector<std::shared_ptr<SubscriptionBase>> subscriptions_;
+  ReceivedNotification value_;
+
+  std::atomic<std::size_t> next_{0};        // the first subscription that nobody has taken
+  std::atomic<std::size_t> unfinished_{0};  // callbacks, but for those of workers that are at it
+};
+
+}  // namespace tessel
+
+#endif
