@@ -27,7 +27,7 @@ class TESSEL_CAPABILITY("mutex") Mutex {
 class TESSEL_SCOPED_CAPABILITY Lock {
  public:
   explicit Lock(Mutex& mutex) TESSEL_ACQUIRE(mutex) : mutex_(mutex) { mutex_.lock(); }
-  Lock(Mutex& mutex, std::adopt_lock_t) TESSEL_REQUIRES(mutex) : mutex_(mutex) {}
+  Lock(Mutex& mutex, std::adopt_lock_t /*held*/) TESSEL_REQUIRES(mutex) : mutex_(mutex) {}
   ~Lock() TESSEL_RELEASE() { mutex_.unlock(); }
   Lock(const Lock&) = delete;
   Lock& operator=(const Lock&) = delete;
