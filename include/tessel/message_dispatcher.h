@@ -161,7 +161,8 @@ class TESSEL_EXPORT MessageDispatcher {
   /// @copydoc registerSubscriber(const std::shared_ptr<Subscriber>&)
   void registerSubscriber(const std::shared_ptr<MultiSubscriber>& subscriber);
   /// Takes one registration of the subscriber back. Returns at once; callbacks may still come until
-  /// the dispatcher's thread has seen it.
+  /// the dispatcher's thread has seen it. What that sees together, as all that was queued while it
+  /// did not run, it does in this order: first it registers, then it takes back.
   ///
   /// @param subscriber the one to remove; when it is not there, nothing happens
   /// @throws std::invalid_argument for a null pointer
