@@ -7,8 +7,12 @@ const char* const kDefaultTag = "default";
 std::string joinKey(const std::string& topic, const std::string& tag) {
   std::string key;
   key.reserve(topic.size() + 1 + tag.size());
-  key.append(topic).append(1, ':').append(tag);
+  assignKey(key, topic, tag);
   return key;
+}
+
+void assignKey(std::string& key, const std::string& topic, const std::string& tag) {
+  key.assign(topic).append(1, ':').append(tag);
 }
 
 TopicAndTag splitKey(const std::string& key) {

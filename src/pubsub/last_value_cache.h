@@ -3,24 +3,44 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <string>
 #include <unordered_map>
 #include <vector>
 
+#include "transport/zmq_frame.h"
+
 namespace tessel {
 
-/// The last value of each key. The bytes are copies: a frame that was received keeps the whole
-/// buffer alive that it was received into.
+/// A value as the cache keeps it: a copy of the bytes, or the frame that they came in, when it is
+/// large. A small frame keeps the whole buffer alive that it was received into.
+class KeptValue {
+ public:
+  const void* data() const { return frame_ == nullptr ? bytes_.data() : frame_->data(); }
+  std::size_t size() const { return frame_ == nullptr ? bytes_.size() : frame_->size(); }
+  /// A frame to send; a large one is over the same bytes.
+  ZmqFrame toFrame() const { return frame_ == nullptr ? ZmqFrame(bytes_) : frame_->share(); }
+  /// Bytes held for it.
+  std::size_t capacity() const { return frame_ == nullptr ? bytes_.capacity() : frame_->size(); }
+
+  void assign(ZmqFrame& value);
+
+ private:
+  std::vector<std::uint8_t> bytes_;
+  std::unique_ptr<ZmqFrame>
+      frame_;  // not in the value itself: it would double what small ones take
+};
+
+/// The last value of each key.
 class LastValueCache {
  public:
-  using Value = std::vector<std::uint8_t>;
-
   LastValueCache();
 
-  /// Keeps a copy of the bytes; false, and nothing changes, when they equal those already kept.
-  bool store(const std::string& key, const void* data, std::size_t size);
+  /// Keeps the value, which stays as it is and must not be written to any more; false, and nothing
+  /// changes, when its bytes equal those already kept.
+  bool store(const std::string& key, ZmqFrame& value);
   /// Null when the key is not kept. Valid until the next change.
-  const Value* find(const std::string& key) const;
+  const KeptValue* find(const std::string& key) const;
   /// Whether the key was there.
   bool erase(const std::string& key);
   void clear();
@@ -33,7 +53,7 @@ class LastValueCache {
   }
 
  private:
-  std::unordered_map<std::string, Value> values_;
+  std::unordered_map<std::string, KeptValue> values_;
 };
 
 }  // namespace tessel

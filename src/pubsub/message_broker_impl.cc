@@ -134,11 +134,12 @@ MessageBrokerImpl::Inbound MessageBrokerImpl::servePublication(MessageHeader&& h
   MessagePublish message(std::move(header));
   if (!message.receive(pullSocket_)) return Inbound::kDropped;
   const bool cached = message.hasOption(kKeepInCache);
-  const std::string key = joinKey(message.topic(), message.tag());
-  const bool stored = cached && cache_.store(key, message.data(), message.size());
+  assignKey(key_, message.topic(), message.tag());
+  ZmqFrame value = message.valueFrame();
+  const bool stored = cached && cache_.store(key_, value);
   const bool repeat = cached && !stored;
   const bool suppressed = repeat && !message.hasOption(kPublishIfEqual);
-  if (!suppressed) broadcast(ValueNotification(key, message.valueFrame(), 0));
+  if (!suppressed) broadcast(ValueNotification(key_, std::move(value), 0));
   observers_.notify([&](MessageBrokerObserver& observer) {
     observer.onPublish(message.topic(), message.tag(), cached, stored, suppressed);
   });
@@ -149,10 +150,10 @@ MessageBrokerImpl::Inbound MessageBrokerImpl::serveWithdrawal(MessageHeader&& he
   MessageUnpublish message(std::move(header));
   if (!message.receive(pullSocket_)) return Inbound::kDropped;
   const bool remove = message.hasOption(kRemoveFromCache);
-  const std::string key = joinKey(message.topic(), message.tag());
-  const bool erased = remove && cache_.erase(key);
+  assignKey(key_, message.topic(), message.tag());
+  const bool erased = remove && cache_.erase(key_);
   // Subscribers hear of it unless it was to leave the cache and was not there.
-  if (!remove || erased) broadcast(ValueNotification(key, ZmqFrame(), kWithdrawn));
+  if (!remove || erased) broadcast(ValueNotification(key_, ZmqFrame(), kWithdrawn));
   observers_.notify([&](MessageBrokerObserver& observer) {
     observer.onUnpublish(message.topic(), message.tag(), remove, erased, false);
   });
@@ -186,9 +187,9 @@ void MessageBrokerImpl::greetSubscriber(const std::string& subscription) {
   const TopicAndTag key = splitKey(subscription);
   observers_.notify(
       [&](MessageBrokerObserver& observer) { observer.onSubscribe(key.topic, key.tag); });
-  const LastValueCache::Value* value = cache_.find(subscription);
+  const KeptValue* value = cache_.find(subscription);
   if (value == nullptr) return;
-  ValueNotification(subscription, ZmqFrame(*value), kReplayed).send(xpubSocket_);
+  ValueNotification(subscription, value->toFrame(), kReplayed).send(xpubSocket_);
 }
 
 // One that throws keeps neither the others from hearing of every key nor the broker from forgetting

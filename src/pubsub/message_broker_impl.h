@@ -59,6 +59,7 @@ class MessageBrokerImpl {
   ZmqSocket pubSocket_;
   ZmqSocket xpubSocket_;
   LastValueCache cache_;
+  std::string key_;  // of the message in hand; kept for its memory
   int passesSincePoll_ = 0;
   bool idle_ = true;  // the last pass found nothing to read
 
