@@ -12,6 +12,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/crew.h"
 #include "support/measure.h"
 #include "support/roads.h"
 #include "support/window.h"
@@ -134,6 +135,44 @@ void fanOut(benchmark::State& state, int subscribers) {
   }
 }
 
+// Several threads publish at once, each with its own share of what may be on its way.
+template <typename Road>
+void publishers(benchmark::State& state, std::size_t threads) {
+  constexpr unsigned kThreadShift = 40;  // a value's number tells the thread and the count
+  constexpr std::uint64_t kBurst = 4096;
+  std::vector<std::unique_ptr<Window>> windows;
+  for (std::size_t i = 0; i < threads; ++i) {
+    windows.push_back(std::make_unique<Window>(512 / threads));
+  }
+  OpenRoad<Road> road(Transport::kInproc, kSmall,
+                      [&](std::uint64_t number) { windows[number >> kThreadShift]->arrive(); });
+  Crew crew(threads, [&](std::size_t thread) {
+    const auto sender = std::make_shared<typename Road::Sender>(road.road());
+    return [&, thread, sender, number = std::uint64_t{thread} << kThreadShift,
+            value = std::vector<std::uint8_t>(kSmall)]() mutable {
+      for (std::uint64_t i = 0; i < kBurst / threads; ++i) {
+        windows[thread]->send();
+        setNumber(value, ++number);
+        sender->publish(value.data(), value.size());
+      }
+      windows[thread]->drain();
+    };
+  });
+  crew.round();  // connects
+  const Usage before = Usage::now();
+  for (auto _ : state) crew.round();
+  const auto values = static_cast<double>(state.iterations()) * static_cast<double>(kBurst);
+  reportUsage(state, before, values);
+  state.SetItemsProcessed(static_cast<std::int64_t>(values));
+}
+
+// Broker, publisher and dispatcher made, started, stopped and released; the twin with its context.
+template <typename Road>
+void life(benchmark::State& state) {
+  for (auto _ : state) Road(Transport::kInproc, [](const void*, std::size_t) {});
+  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()));
+}
+
 template <typename Road>
 void registerRoad() {
   const std::string name = Road::kName;
@@ -149,6 +188,11 @@ void registerRoad() {
     add("latency/" + over + "/" + name,
         [=](benchmark::State& state) { latency<Road>(state, transport); });
   }
+  for (const std::size_t threads : {1, 2, 4, 8, 16}) {
+    add("publishers/" + std::to_string(threads) + "/" + name,
+        [=](benchmark::State& state) { publishers<Road>(state, threads); });
+  }
+  add("life/" + name, life<Road>);
 }
 
 void registerAll() {

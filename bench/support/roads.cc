@@ -54,7 +54,8 @@ RawRoad::RawRoad(Transport transport, Callback callback)
     : RawRoad(newEndpoints(transport), std::move(callback)) {}
 
 RawRoad::RawRoad(const raw::Endpoints& endpoints, Callback callback)
-    : broker_(context_, endpoints, false),
+    : pullEndpoint_(endpoints.pull),
+      broker_(context_, endpoints, false),
       push_(context_, ZMQ_PUSH),
       consumer_(context_, endpoints.updates, std::move(callback)) {
   push_.connect(endpoints.pull);

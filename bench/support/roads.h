@@ -57,6 +57,16 @@ class TesselRoad {
   void publish(const void* data, std::size_t size) { publisher_.publish(data, size); }
   MessageDispatcher& dispatcher() { return dispatcher_; }
 
+  /// Publishes on the road from one more thread, which makes it.
+  class Sender {
+   public:
+    explicit Sender(TesselRoad& road) : road_(road) {}
+    void publish(const void* data, std::size_t size) { road_.publish(data, size); }
+
+   private:
+    TesselRoad& road_;
+  };
+
  private:
   TesselRoad(const raw::Endpoints& endpoints, Callback callback);
 
@@ -77,9 +87,23 @@ class RawRoad {
     raw::Publication(kTopic, kTag, data, size).send(push_);
   }
 
+  class Sender {
+   public:
+    explicit Sender(RawRoad& road) : push_(road.context_, ZMQ_PUSH) {
+      push_.connect(road.pullEndpoint_);
+    }
+    void publish(const void* data, std::size_t size) {
+      raw::Publication(kTopic, kTag, data, size).send(push_);
+    }
+
+   private:
+    raw::Socket push_;
+  };
+
  private:
   RawRoad(const raw::Endpoints& endpoints, Callback callback);
 
+  const std::string pullEndpoint_;
   raw::Context context_;
   raw::Broker broker_;
   raw::Socket push_;
