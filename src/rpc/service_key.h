@@ -17,7 +17,9 @@ struct ServiceKeyLess {
   using is_transparent = void;
   template <typename A, typename B>
   bool operator()(const A& a, const B& b) const {
-    return ServiceKeyView(a.first, a.second) < ServiceKeyView(b.first, b.second);
+    // Each name compared once: a pair's own operator compares names that differ or are equal twice.
+    const int byService = std::string_view(a.first).compare(b.first);
+    return byService != 0 ? byService < 0 : std::string_view(a.second).compare(b.second) < 0;
   }
 };
 
