@@ -18,7 +18,8 @@ class PublisherImpl;
 /// A publisher is cheap: it owns no connection. Each thread that publishes keeps one connection to
 /// each broker, shared by all publishers, and closes it when the thread ends. What has not left by
 /// then is dropped, other than for a broker of this process: so a thread that publishes over a
-/// network and ends at once, before its connection is up, has published nothing.
+/// network and ends at once, before its connection is up, has published nothing. For a broker of
+/// this process that is made only later, what the last 100 such threads have published is kept.
 ///
 /// publish(), unpublish() and removeFromCache() may be called from any thread, also at once. The
 /// switches are plain fields: set them before other threads publish.

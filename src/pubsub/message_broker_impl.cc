@@ -2,7 +2,6 @@
 
 #include <zmq.h>
 
-#include <cstdint>
 #include <exception>
 #include <system_error>
 #include <utility>
@@ -14,8 +13,6 @@
 
 namespace tessel {
 namespace {
-
-std::atomic<std::uint64_t> nextBroker{0};
 
 // A poll costs several system calls, so it is left out while messages wait. It also is what tells
 // the PUB socket, which is never read, of subscribers that come and go.
@@ -31,7 +28,7 @@ constexpr char kUnsubscribe = 0;
 MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTransports,
                                      const std::vector<std::string>& updatesTransports,
                                      const std::vector<std::string>& cacheTransports)
-    : inprocEndpoint_("inproc://publish_service" + std::to_string(nextBroker.fetch_add(1))),
+    : inprocEndpoint_(number_.endpoint()),
       pullSocket_(ZMQ_PULL),
       pubSocket_(ZMQ_PUB),
       xpubSocket_(ZMQ_XPUB),
@@ -46,6 +43,7 @@ MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTranspo
   for (const std::string& transport : pullTransports) pullSocket_.bind(transport);
   for (const std::string& transport : updatesTransports) pubSocket_.bind(transport);
   for (const std::string& transport : cacheTransports) xpubSocket_.bind(transport);
+  number_.settle();
 }
 
 MessageBrokerImpl::~MessageBrokerImpl() { stop(false, false); }

@@ -12,6 +12,7 @@
 #include "messages/value_notification.h"
 #include "pubsub/last_value_cache.h"
 #include "tessel/message_broker.h"
+#include "transport/broker_number.h"
 #include "transport/mutex.h"
 #include "transport/observer_list.h"
 #include "transport/poll_set.h"
@@ -52,6 +53,7 @@ class MessageBrokerImpl {
   /// Tells the observers of each; what the first of them throws is returned, if any does.
   std::exception_ptr forgetCachedValues();
 
+  BrokerNumber number_{BrokerKind::kMessage};
   const std::string inprocEndpoint_;
 
   // The broker thread's own; others touch them only before start() or after the join.

@@ -8,6 +8,7 @@
 #include "messages/message_unpublish.h"
 #include "messages/value_key.h"
 #include "tessel/message_broker.h"
+#include "transport/broker_number.h"
 #include "transport/mutex.h"
 #include "transport/thread_socket_cache.h"
 
@@ -72,9 +73,11 @@ class PublisherImpl {
   }
 
   // A broker of this process that has gone, with a queue full of what it never read, must not hold
-  // up a destructor: its endpoint is free for ever if it is a numbered one, and perhaps otherwise.
+  // up a destructor: its endpoint is free for ever if it is a numbered one, for which nothing is
+  // sent at all, and perhaps otherwise.
   void unpublishUnlessAbandoned() const {
     for (const std::string& transport : transports) {
+      if (BrokerNumber::isRetired(transport)) continue;
       withdrawal().sendUnlessAbandoned(socketFor(transport));
     }
   }

@@ -3,10 +3,8 @@
 #include <zmq.h>
 
 #include <chrono>
-#include <cstdlib>
 #include <exception>
 #include <stdexcept>
-#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -14,15 +12,10 @@
 #include "messages/message_reply.h"
 #include "rpc/rpc_request_impl.h"
 #include "rpc/service_call.h"
+#include "transport/thread_socket_cache.h"
 
 namespace tessel {
 namespace {
-
-constexpr std::string_view kRouterEndpoint = "inproc://rpc_reply_in_";
-
-std::string routerEndpointOf(std::uint64_t number) {
-  return std::string(kRouterEndpoint) + std::to_string(number);
-}
 
 constexpr int kNoHighWaterMark = 0;
 
@@ -72,7 +65,7 @@ void LocalRoad::close() {
 RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transports,
                              std::shared_ptr<RpcDispatcher> dispatcher)
     : master_(master),
-      routerEndpoint_(master ? routerEndpointOf(number_.value()) : onlyTransport(transports)),
+      routerEndpoint_(master ? number_.endpoint() : onlyTransport(transports)),
       internalEndpoint_("inproc://rpc_broker_internal_" + std::to_string(number_.value())),
       mainSocket_(master ? ZMQ_ROUTER : ZMQ_DEALER),
       internalSocket_(ZMQ_PULL),
@@ -97,24 +90,6 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
 RpcBrokerImpl::~RpcBrokerImpl() {
   stop(false, false);
   localRoad_->close();
-}
-
-bool RpcBrokerImpl::isRetired(const std::string& endpoint) {
-  if (endpoint.compare(0, kRouterEndpoint.size(), kRouterEndpoint) != 0) return false;
-  const std::uint64_t number =
-      std::strtoull(endpoint.c_str() + kRouterEndpoint.size(), nullptr, 10);
-  // In this order: whoever has settled has bound before.
-  return endpoint == routerEndpointOf(number) && BrokerNumber::isSettled(number) &&
-         !InprocEndpoints::instance().isBound(endpoint);
-}
-
-void RpcBrokerImpl::closeRetired(ThreadSocketCache& sockets, const std::string& endpoint) {
-  if (!sockets.holds(endpoint)) return;
-  try {
-    ZmqSocket::releaseOrphans(endpoint);
-  } catch (const std::runtime_error&) {  // no socket is left for it, and it only tidies up
-  }
-  sockets.close(endpoint);
 }
 
 void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {

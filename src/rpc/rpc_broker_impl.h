@@ -11,14 +11,13 @@
 
 #include "messages/message_header.h"
 #include "messages/message_request.h"
-#include "rpc/broker_number.h"
 #include "rpc/observer_data.h"
 #include "rpc/service_key.h"
 #include "tessel/rpc_dispatcher.h"
 #include "tessel/service.h"
+#include "transport/broker_number.h"
 #include "transport/mutex.h"
 #include "transport/poll_set.h"
-#include "transport/thread_socket_cache.h"
 #include "transport/zmq_event.h"
 #include "transport/zmq_socket.h"
 
@@ -67,10 +66,6 @@ class RpcBrokerImpl {
 
   /// Where clients of this process connect.
   const std::string& clientEndpoint() const { return routerEndpoint_; }
-  /// Whether this is the numbered endpoint of a master that has gone: nobody will bind it again.
-  static bool isRetired(const std::string& endpoint);
-  /// Closes the calling thread's socket for such an endpoint, if it has one, to its end.
-  static void closeRetired(ThreadSocketCache& sockets, const std::string& endpoint);
   /// Null when the service is not registered here, or the broker does not run.
   std::shared_ptr<Service> findLocalService(const std::string& service, const std::string& instance)
       TESSEL_EXCLUDES(registryMutex_);
@@ -106,7 +101,7 @@ class RpcBrokerImpl {
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
-  BrokerNumber number_;
+  BrokerNumber number_{BrokerKind::kRpc};
   const std::string routerEndpoint_;
   const std::string internalEndpoint_;
 

@@ -11,6 +11,7 @@
 #include "rpc/service_call.h"
 #include "tessel/rpc_broker.h"
 #include "tessel/rpc_error.h"
+#include "transport/broker_number.h"
 #include "transport/thread_socket_cache.h"
 
 namespace tessel {
@@ -60,12 +61,11 @@ class RpcClientImpl {
     return *broker->impl_;
   }
 
-  // A request socket that has lost its reply cannot send again. If it waits for a broker of this
-  // process that has gone, it would also keep its place in the context after it was closed, now or
-  // at the end of the thread.
+  // A request socket that has lost its reply cannot send again. None is kept for a broker of this
+  // process that has gone.
   void renew(ZmqSocket& socket) const {
-    if (RpcBrokerImpl::isRetired(endpoint_)) {
-      RpcBrokerImpl::closeRetired(ThreadSockets::ofThisThread().clients, endpoint_);
+    if (BrokerNumber::isRetired(endpoint_)) {
+      ThreadSockets::ofThisThread().clients.close(endpoint_);
     } else {
       socket.reconnect();
     }

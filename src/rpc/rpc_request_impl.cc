@@ -2,7 +2,6 @@
 
 #include <utility>
 
-#include "rpc/rpc_broker_impl.h"
 #include "tessel/rpc_error.h"
 #include "transport/inproc_endpoints.h"
 #include "transport/thread_socket_cache.h"
@@ -10,8 +9,7 @@
 namespace tessel {
 namespace {
 
-// A reply sent to an endpoint of this process that nobody has bound would wait for ever, and so
-// would its socket.
+// A reply sent to an endpoint of this process that nobody has bound would wait there for ever.
 bool brokerHasGone(const std::string& replyEndpoint) {
   return InprocEndpoints::isInproc(replyEndpoint) &&
          !InprocEndpoints::instance().isBound(replyEndpoint);
@@ -76,9 +74,6 @@ void RpcRequestImpl::execute() {
   answer(reply);
   // Looked up again: a service may execute other requests, which may tidy the sockets up.
   if (!brokerHasGone(replyEndpoint_)) reply->send(sockets.socketFor(replyEndpoint_));
-  // The broker may have gone between a look and the connect that followed.
-  if (RpcBrokerImpl::isRetired(replyEndpoint_))
-    RpcBrokerImpl::closeRetired(sockets, replyEndpoint_);
 }
 
 void RpcRequestImpl::answer(std::optional<MessageReply>& reply) const {

@@ -3,6 +3,7 @@
 #include <iterator>
 #include <memory>
 
+#include "transport/broker_number.h"
 #include "transport/thread_slot.h"
 
 #if defined(_WIN32)
@@ -40,10 +41,21 @@ ZmqSocket& ThreadSocketCache::socketFor(const std::string& endpoint) {
 }
 
 // A thread that lives long may see many brokers of its process come and go. What was sent to those
-// is lost, and whoever asks for their endpoint again gets a fresh socket.
+// is lost, and whoever asks for their endpoint again gets a fresh socket. What is sent to one that
+// has gone for good is lost, too, and is not kept for longer than that.
 void ThreadSocketCache::dropDeadSockets() {
   for (auto entry = sockets_.begin(); entry != sockets_.end();) {
-    entry = entry->second.peerGone() ? sockets_.erase(entry) : std::next(entry);
+    const bool dead = entry->second.peerGone() || BrokerNumber::isRetired(entry->first);
+    entry = dead ? sockets_.erase(entry) : std::next(entry);
+  }
+}
+
+void ThreadSocketCache::leaveWaiting() noexcept {
+  dropDeadSockets();
+  for (auto entry = sockets_.begin(); entry != sockets_.end();) {
+    const auto next = std::next(entry);
+    if (entry->second.waitsForBinder()) LeftSockets::instance().take(sockets_.extract(entry));
+    entry = next;
   }
 }
 

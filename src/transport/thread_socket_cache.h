@@ -5,8 +5,8 @@
 
 #include <cstddef>
 #include <string>
-#include <unordered_map>
 
+#include "transport/left_sockets.h"
 #include "transport/zmq_socket.h"
 
 namespace tessel {
@@ -24,9 +24,10 @@ class ThreadSocketCache {
   /// so that later calls return it without trying again; nothing is kept when the socket itself
   /// could not be made.
   ZmqSocket& socketFor(const std::string& endpoint);
-  bool holds(const std::string& endpoint) const { return sockets_.count(endpoint) != 0; }
   /// Closes the thread's socket for `endpoint`, if there is one.
   void close(const std::string& endpoint) { sockets_.erase(endpoint); }
+  /// Leaves those to LeftSockets that wait for somebody to bind their endpoint.
+  void leaveWaiting() noexcept;
   std::size_t size() const { return sockets_.size(); }
 
  private:
@@ -34,12 +35,18 @@ class ThreadSocketCache {
 
   const int socketType_;
   const SendLimit sendLimit_;
-  std::unordered_map<std::string, ZmqSocket> sockets_;
+  SocketsByEndpoint sockets_;
 };
 
 /// The sockets of the calling thread, a cache for each use that application threads and workers
-/// have for them. They are closed when the thread ends, those of publishers first.
+/// have for them. They are closed when the thread ends, those of publishers first. What publishers
+/// have queued for a broker of the process that is not there yet is left for it.
 struct ThreadSockets {
+  ThreadSockets() = default;
+  ~ThreadSockets() { publishers.leaveWaiting(); }
+  ThreadSockets(const ThreadSockets&) = delete;
+  ThreadSockets& operator=(const ThreadSockets&) = delete;
+
   static ThreadSockets& ofThisThread();
 
   // Destroyed in reverse order.

@@ -9,6 +9,7 @@
 #include <thread>
 #include <utility>
 
+#include "transport/left_sockets.h"
 #include "transport/zmq_context.h"
 #include "transport/zmq_error.h"
 
@@ -94,19 +95,32 @@ void ZmqSocket::create() {
 }
 
 void ZmqSocket::connect(const std::string& endpoint) {
+  leavePeer();
   endpoint_ = endpoint;
-  peerClosed_.reset();
   connectError_ = 0;
-  const auto connectNow = [this] {
-    if (uninterrupted([this] { return zmq_connect(handle_, endpoint_.c_str()); }) == 0) return;
+  const auto connectTo = [this](const std::string& name) {
+    if (uninterrupted([&] { return zmq_connect(handle_, name.c_str()); }) == 0) return;
     connectError_ = zmq_errno();
     throwZmqError(connectError_);
   };
   if (InprocEndpoints::isInproc(endpoint_)) {
-    peerClosed_ = InprocEndpoints::instance().connect(endpoint_, connectNow);
+    inproc_ = InprocEndpoints::instance().connect(endpoint_, connectTo, onPeerGone_);
   } else {
-    connectNow();
+    connectTo(endpoint_);
   }
+}
+
+void ZmqSocket::connectAgainIfPeerGone() {
+  if (peerGone()) connect(endpoint_);
+}
+
+// A socket that waits for somebody to bind would wait on after it was closed. It ends that by
+// binding what it waits for itself, and then is connected to itself.
+void ZmqSocket::leavePeer() {
+  if (inproc_ == nullptr) return;
+  const std::string name = InprocEndpoints::instance().takeBack(*inproc_);
+  inproc_.reset();
+  if (!name.empty()) uninterrupted([&] { return zmq_bind(handle_, name.c_str()); });
 }
 
 void ZmqSocket::bind(const std::string& endpoint) {
@@ -114,16 +128,17 @@ void ZmqSocket::bind(const std::string& endpoint) {
 }
 
 bool ZmqSocket::tryBind(const std::string& endpoint) {
-  const auto bindNow = [&] {
-    return uninterrupted([&] { return zmq_bind(handle_, endpoint.c_str()); }) == 0;
+  const auto bindTo = [this](const std::string& name) {
+    return uninterrupted([&] { return zmq_bind(handle_, name.c_str()); }) == 0;
   };
   // Memory first: what is bound in the process and not in the list would never be unbound.
   std::string bound = endpoint;
   boundEndpoints_.reserve(boundEndpoints_.size() + 1);
   if (InprocEndpoints::isInproc(endpoint)) {
-    if (!InprocEndpoints::instance().bind(endpoint, bindNow)) return false;
+    if (!InprocEndpoints::instance().bind(endpoint, bindTo)) return false;
+    LeftSockets::instance().closeConnected();
   } else {
-    if (!bindNow()) return false;
+    if (!bindTo(endpoint)) return false;
     char resolved[1024];  // a wildcard port or address has become a real one
     std::size_t size = sizeof resolved;
     if (zmq_getsockopt(handle_, ZMQ_LAST_ENDPOINT, resolved, &size) != 0) throwZmqError();
@@ -196,11 +211,14 @@ void ZmqSocket::discardPending() {
 
 void ZmqSocket::ensureConnected() {
   if (connectError_ != 0) throwZmqError(connectError_);
-  if (peerGone()) reconnect();
+  // Also when the last reconnect got no socket.
+  if (handle_ == nullptr || peerGone()) reconnect();
 }
 
-bool ZmqSocket::peerGone() const {
-  return peerClosed_ != nullptr && peerClosed_->load(std::memory_order_acquire);
+bool ZmqSocket::peerGone() const { return inproc_ != nullptr && inproc_->closed(); }
+
+bool ZmqSocket::waitsForBinder() const {
+  return inproc_ != nullptr && InprocEndpoints::instance().waits(*inproc_);
 }
 
 bool ZmqSocket::sendFirstNow(ZmqFrame& frame, int flags) {
@@ -223,7 +241,7 @@ void ZmqSocket::sendFirst(ZmqFrame& frame, int flags) {
 bool ZmqSocket::sendFirstUnlessAbandoned(ZmqFrame& frame, int flags) {
   ensureConnected();
   while (!sendFirstNow(frame, flags)) {
-    if (peerClosed_ != nullptr && !InprocEndpoints::instance().isBound(endpoint_)) return false;
+    if (inproc_ != nullptr && !InprocEndpoints::instance().isBound(endpoint_)) return false;
     waitWritable();
     ensureConnected();
   }
@@ -238,16 +256,6 @@ void ZmqSocket::waitWritable() {
 void ZmqSocket::reconnect() {
   create();
   connect(endpoint_);
-}
-
-void ZmqSocket::releaseOrphans(const std::string& endpoint) {
-  ZmqSocket taker(ZMQ_ROUTER);  // closing it ends those it has taken over
-  InprocEndpoints::instance().releaseOrphans(endpoint, [&] {
-    const char* const name = endpoint.c_str();
-    if (uninterrupted([&] { return zmq_bind(taker.handle_, name); }) == 0) {
-      uninterrupted([&] { return zmq_unbind(taker.handle_, name); });
-    }
-  });
 }
 
 void ZmqSocket::unbindAll() {
@@ -269,6 +277,7 @@ void ZmqSocket::close() {
   if (handle_ == nullptr) return;
   const bool wasBound = !boundEndpoints_.empty();
   unbindAll();
+  leavePeer();
   zmq_close(handle_);
   handle_ = nullptr;
   lastClose.note();

@@ -3,8 +3,10 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "transport/inproc_endpoints.h"
@@ -29,7 +31,16 @@ class ZmqSocket {
   int receiveTimeout() const { return receiveTimeout_; }
   void* handle() const { return handle_; }
 
+  /// Not while it still waits for somebody to bind an in-process endpoint that it was given before.
   void connect(const std::string& endpoint);
+  /// What to do when the in-process endpoint is closed that it is connected to, on the thread that
+  /// closes it, with the books of endpoints locked: no more than waking the socket's owner. Before
+  /// connect().
+  void onPeerGone(std::function<void()> wake) { onPeerGone_ = std::move(wake); }
+  /// Connects once more if the in-process peer has gone, as ZeroMQ does by itself where there are
+  /// connections. What has arrived from that peer can still be read. For a socket that subscribes:
+  /// one that sends would go on to share its messages out to the peer that has gone.
+  void connectAgainIfPeerGone();
   /// When this process has just closed a bound socket, waits up to 100 ms for an endpoint in use.
   void bind(const std::string& endpoint);
   /// Milliseconds; -1 waits for ever, and so does everything above the 32-bit range.
@@ -65,18 +76,15 @@ class ZmqSocket {
   void reconnect();
   /// Whether the in-process endpoint was closed since the connect: what was sent there is lost.
   bool peerGone() const;
+  /// Whether nobody has bound the in-process endpoint since the connect.
+  bool waitsForBinder() const;
+  /// Also where nobody has bound the in-process endpoint: then what was sent there is dropped.
   void close();
-
-  /// Ends the waiting of the sockets that are connected to an in-process endpoint which nobody has
-  /// bound: without it ZeroMQ keeps them after they were closed, and their places among the 1023 of
-  /// a context, until somebody binds. Before the caller closes its own: a close goes on in the
-  /// background, where a bind that still finds the socket waiting would meet it halfway.
-  /// Does nothing when somebody has bound the endpoint.
-  static void releaseOrphans(const std::string& endpoint);
 
  private:
   void create();
   void unbindAll();
+  void leavePeer();
   bool tryBind(const std::string& endpoint);
   void ensureConnected();
   bool sendFirstNow(ZmqFrame& frame, int flags);
@@ -87,10 +95,11 @@ class ZmqSocket {
   std::string endpoint_;
   int receiveTimeout_ = -1;
   bool sendLimitLifted_ = false;
-  bool receivingMore_ = false;               // the last frame received has others behind it
-  int connectError_ = 0;                     // of the last connect; 0 when it succeeded
-  InprocEndpoints::ClosedFlag peerClosed_;   // null unless connected to an in-process endpoint
-  std::vector<std::string> boundEndpoints_;  // as ZeroMQ resolved them
+  bool receivingMore_ = false;  // the last frame received has others behind it
+  int connectError_ = 0;        // of the last connect; 0 when it succeeded
+  std::function<void()> onPeerGone_;
+  std::unique_ptr<InprocEndpoints::Connection> inproc_;  // null unless to an in-process endpoint
+  std::vector<std::string> boundEndpoints_;              // as ZeroMQ resolved them
 };
 
 }  // namespace tessel

@@ -4,6 +4,7 @@
 #include <tessel/message_broker.h>
 #include <tessel/publisher.h>
 
+#include <algorithm>
 #include <atomic>
 #include <csignal>
 #include <cstdlib>
@@ -16,6 +17,7 @@
 #include "support/no_hang.h"
 #include "support/socket_budget.h"
 #include "support/threads.h"
+#include "transport/left_sockets.h"
 
 namespace tessel::test {
 namespace {
@@ -408,6 +410,71 @@ TEST(PublisherWhoseBrokerIsMadeAgain, GoesOnFromAFullQueue) {
   MessageBroker next({endpoint}, {}, {});
   next.start();
   publishing.join();
+}
+
+// A process has 1023 sockets at a time, and a thread one for each broker that it publishes to.
+TEST(PublisherWhoseBrokerGoes, UsesNoSocketsUp) {
+  ScopedThread([] {
+    for (int round = 0; round < 1100; ++round) {
+      auto broker = std::make_unique<MessageBroker>(
+          std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
+      Publisher publisher(*broker, "t", "g");
+      publisher.enableUnpublishOnDestruction(true);
+      if (round % 3 != 0) publish(publisher, "1");
+      broker.reset();
+      if (round % 3 == 2) publish(publisher, "to nobody");
+    }
+  }).join();
+  const MessageBroker one({}, {}, {});
+}
+
+TEST(PublisherWithoutABroker, UsesNoSocketsUpOnThreadsThatEnd) {
+  const OpenSockets sockets;
+  publish(Publisher("t", "g"), "waits");
+  for (int i = 0; i < 1100; ++i) {
+    std::thread([i] { publish(Publisher("ended", "g"), std::to_string(i)); }).join();
+  }
+  publish(Publisher("t", "g"), "waits, too");
+  EXPECT_TRUE(sockets.become(1 + LeftSockets::kMost));
+  MessageBrokerImpl first({}, {}, {});
+  const auto observer = std::make_shared<RecordingBrokerObserver>();
+  first.attach(observer);
+  first.start();
+  publish(Publisher("t", "g"), "after");
+  EXPECT_TRUE(sockets.become(6));  // those of the broker, and that of this thread
+  // What those who are still there have sent, and the last of those who are not.
+  EXPECT_TRUE(observer->journal.waitFor(3 + LeftSockets::kMost));
+  const Lines lines = observer->journal.lines();
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "publish t g 1 1 0"), 3);
+  EXPECT_EQ(std::count(lines.begin(), lines.end(), "publish ended g 1 1 0"), LeftSockets::kMost);
+}
+
+TEST(PublisherWithoutABroker, LeavesItsValuesForItWhenItsThreadEnds) {
+  const std::string endpoint = uniqueInproc();
+  for (int i = 0; i < 3; ++i) {
+    std::thread([&] {
+      publish(Publisher({endpoint}, "t", "g"), std::to_string(i) + " first");
+      publish(Publisher({endpoint}, "t", "g"), std::to_string(i) + " second");
+    }).join();
+  }
+  Receiver receiver(endpoint);
+  for (const char* which : {" first", " second"}) {
+    for (int i = 0; i < 3; ++i) {
+      EXPECT_EQ(receiver.receive(), publication("t", "g", std::to_string(i) + which, 1));
+    }
+  }
+}
+
+TEST(PublisherWithoutABroker, LeavesNothingForOneThatHasGoneForGood) {
+  auto broker = std::make_unique<MessageBroker>(
+      std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
+  const Publisher publisher(*broker, "t", "g");
+  broker.reset();
+  const OpenSockets sockets;
+  for (int i = 0; i < 20; ++i) {
+    std::thread([&] { publish(publisher, "to nobody"); }).join();
+  }
+  EXPECT_TRUE(sockets.become(0));
 }
 
 // Everything that must end although the broker, the only one ever with its number, has ended.

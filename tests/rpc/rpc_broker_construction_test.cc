@@ -6,6 +6,7 @@
 
 #include "life_fixture.h"
 #include "rpc/rpc_broker_impl.h"
+#include "transport/broker_number.h"
 
 namespace {
 
@@ -64,19 +65,19 @@ TEST(RpcBrokerConstruction, RetiresTheBrokersEndpointWhenItFails) {
   const std::string own = nextEndpoint();
   bool early = false;
   watchedEndpoint = endpoint;
-  meanwhile() = [&] { early = early || RpcBrokerImpl::isRetired(own); };
-  EXPECT_FALSE(RpcBrokerImpl::isRetired(own));
+  meanwhile() = [&] { early = early || BrokerNumber::isRetired(own); };
+  EXPECT_FALSE(BrokerNumber::isRetired(own));
   EXPECT_THROW(makeMaster({endpoint}), std::runtime_error);
   EXPECT_FALSE(early);
-  EXPECT_TRUE(RpcBrokerImpl::isRetired(own));
+  EXPECT_TRUE(BrokerNumber::isRetired(own));
 }
 
 TEST(RpcBrokerConstruction, RetiresAnEndpointOnlyWhenItsBrokerHasGone) {
   const std::string own = nextEndpoint();
   auto broker = makeMaster({});
-  EXPECT_FALSE(RpcBrokerImpl::isRetired(own));
+  EXPECT_FALSE(BrokerNumber::isRetired(own));
   broker.reset();
-  EXPECT_TRUE(RpcBrokerImpl::isRetired(own));
+  EXPECT_TRUE(BrokerNumber::isRetired(own));
   const std::string others[] = {nextEndpoint(),
                                 kPrefix,
                                 kPrefix + "00",
@@ -85,7 +86,7 @@ TEST(RpcBrokerConstruction, RetiresAnEndpointOnlyWhenItsBrokerHasGone) {
                                 own + " ",
                                 "inproc://rpc_reply_out_0",
                                 ""};
-  for (const std::string& other : others) EXPECT_FALSE(RpcBrokerImpl::isRetired(other)) << other;
+  for (const std::string& other : others) EXPECT_FALSE(BrokerNumber::isRetired(other)) << other;
 }
 
 }  // namespace

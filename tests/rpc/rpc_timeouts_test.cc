@@ -75,6 +75,28 @@ TEST(RpcTimeouts, OfADestroyedBrokerOnShortThreadsUseNothingUp) {
   }
 }
 
+TEST(RpcTimeouts, OfAnInprocNameThatNobodyHasBoundUseNothingUp) {
+  const Watchdog watchdog("time-outs of a name in the process");
+  RpcClient client(uniqueInproc(), milliseconds(0));
+  timeOutManyTimes(client);
+  const NoSocketsLeft check;
+  for (int i = 0; i < 1100; ++i) {
+    std::thread([&] { EXPECT_EQ(outcome(client, "s", "i"), "timeout"); }).join();
+  }
+}
+
+TEST(RpcTimeouts, OfOneBrokerAfterAnotherUseNothingUp) {
+  const Watchdog watchdog("time-outs of many destroyed brokers");
+  std::thread([] {
+    for (int i = 0; i < 1100; ++i) {
+      auto broker = makeMaster({});
+      RpcClient client(broker, milliseconds(0));
+      broker.reset();
+      ASSERT_EQ(outcome(client, "s", "i"), "timeout") << i;
+    }
+  }).join();
+}
+
 // Each call that timed out still waits in the broker's queue and holds its place there.
 TEST(RpcTimeouts, OfAStoppedBrokerWaitForItsStart) {
   const Watchdog watchdog("time-outs of a stopped broker");

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "support/deadline.h"
+#include "transport/inproc_endpoints.h"
 #include "transport/zmq_context.h"
 
 namespace tessel::test {
@@ -28,17 +29,21 @@ inline std::string word(unsigned long long value) {
 }
 
 /// A bare libzmq socket as the other end of what is tested: it shares no code with the library but
-/// the context, which in-process endpoints need. One thread at a time.
+/// what in-process endpoints need, the context and the books of who is bound. One thread at a time.
 class RawPeer {
  public:
   explicit RawPeer(int type, void* context = ZmqContext::handle())
-      : socket_(zmq_socket(context, type)) {
+      : socket_(zmq_socket(context, type)), hasBooks_(context == ZmqContext::handle()) {
     const int linger = 0;
     EXPECT_NE(socket_, nullptr) << zmq_strerror(zmq_errno());
     set(ZMQ_LINGER, linger);
   }
   ~RawPeer() {
-    if (socket_ != nullptr) zmq_close(socket_);
+    if (socket_ == nullptr) return;
+    for (const std::string& endpoint : inBooks_) {
+      InprocEndpoints::instance().unbind(endpoint, [&] { zmq_unbind(socket_, endpoint.c_str()); });
+    }
+    zmq_close(socket_);
   }
   RawPeer(const RawPeer&) = delete;
   RawPeer& operator=(const RawPeer&) = delete;
@@ -56,7 +61,16 @@ class RawPeer {
     return *this;
   }
   RawPeer& bind(const std::string& endpoint) {
-    EXPECT_EQ(zmq_bind(socket_, endpoint.c_str()), 0) << zmq_strerror(zmq_errno());
+    const auto bindTo = [&](const std::string& name) {
+      return zmq_bind(socket_, name.c_str()) == 0;
+    };
+    if (hasBooks_ && InprocEndpoints::isInproc(endpoint)) {
+      const bool bound = InprocEndpoints::instance().bind(endpoint, bindTo);
+      EXPECT_TRUE(bound) << zmq_strerror(zmq_errno());
+      if (bound) inBooks_.push_back(endpoint);
+    } else {
+      EXPECT_TRUE(bindTo(endpoint)) << zmq_strerror(zmq_errno());
+    }
     return *this;
   }
   RawPeer& subscribe(const std::string& prefix) { return set(ZMQ_SUBSCRIBE, prefix); }
@@ -119,6 +133,8 @@ class RawPeer {
   }
 
   void* socket_;
+  const bool hasBooks_;
+  std::vector<std::string> inBooks_;
 };
 
 }  // namespace tessel::test

@@ -22,11 +22,13 @@ InprocEndpoints& endpoints() { return InprocEndpoints::instance(); }
 // A name that does not fit into a string without memory of its own.
 std::string longInproc() { return uniqueInproc() + std::string(100, 'x'); }
 
+void connectTo(const std::string& /*name*/) {}
+
 TEST(InprocEndpointsWithoutMemory, ConnectNothingAndKeepNothing) {
-  endpoints().connect(longInproc(), [] {});  // the table has its first memory
+  endpoints().connect(longInproc(), connectTo);  // the table has its first memory
   const std::string name = longInproc();
   int connects = 0;
-  const std::function<void()> connect = [&] { ++connects; };
+  const std::function<void(const std::string&)> connect = [&](const std::string&) { ++connects; };
   int allocations = 0;
   const long before = allocationsOut;
   while (runsOutOfMemory(allocations, [&] { endpoints().connect(name, connect); })) {
@@ -41,20 +43,22 @@ TEST(InprocEndpointsWithoutMemory, ConnectNothingAndKeepNothing) {
 
 TEST(InprocEndpointsWithoutMemory, TellThoseWhoConnectedBefore) {
   const std::string name = longInproc();
-  const auto first = endpoints().connect(name, [] {});
-  const std::function<void()> connect = [] {};
-  // The second needs none: it shares what the first has.
-  InprocEndpoints::ClosedFlag second;
-  EXPECT_FALSE(runsOutOfMemory(0, [&] { second = endpoints().connect(name, connect); }));
-  endpoints().unbind(name, [] {});
-  EXPECT_TRUE(first->load());
-  EXPECT_TRUE(second->load());
+  const auto connection = endpoints().connect(name, connectTo);
+  const std::function<void()> unbind = [] {};
+  EXPECT_FALSE(runsOutOfMemory(0, [&] { endpoints().unbind(name, unbind); }));
+  EXPECT_TRUE(connection->closed());
+}
+
+TEST(InprocEndpointsWithoutMemory, LetGoOfThoseWhoWait) {
+  const std::string name = longInproc();
+  const auto connection = endpoints().connect(name, connectTo);
+  EXPECT_FALSE(runsOutOfMemory(0, [&] { EXPECT_NE(endpoints().takeBack(*connection), ""); }));
 }
 
 TEST(InprocEndpointsWithoutMemory, BindNothing) {
   const std::string name = longInproc();
   int binds = 0;
-  const std::function<bool()> bind = [&] {
+  const std::function<bool(const std::string&)> bind = [&](const std::string&) {
     ++binds;
     return true;
   };

@@ -229,6 +229,8 @@ TEST(ZmqFailures, ACacheKeepsNothingWhenTheSocketCouldNotBeMade) {
 
 TEST(ThreadsThatEnd, CloseTheirPublishersFirst) {
   const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PULL);  // they are not closed while they wait for one
+  peer.bind(endpoint);
   void* published = nullptr;
   std::vector<void*> closed;
   std::thread thread([&] {

@@ -6,8 +6,10 @@
 #include <atomic>
 #include <chrono>
 #include <limits>
+#include <memory>
 #include <thread>
 #include <type_traits>
+#include <vector>
 
 #include "support/deadline.h"
 #include "support/endpoints.h"
@@ -123,6 +125,7 @@ TEST(ZmqSocket, ConnectKeepsTheLastEndpointGiven) {
   const std::string second = freeTcp();
   socket.connect(first);
   EXPECT_EQ(socket.endpoint(), first);
+  ZmqSocket(ZMQ_ROUTER).bind(first);
   socket.connect(second);
   EXPECT_EQ(socket.endpoint(), second);
 }
@@ -790,27 +793,126 @@ TEST(ZmqSocket, KnowsWhenItsInprocPeerHasGone) {
   EXPECT_FALSE(sender.peerGone());
 }
 
-TEST(ZmqSocket, ClosedOrphansOfAnInprocNameCanBeReleased) {
+// Those that a process has at a time are 1023.
+TEST(ZmqSocket, GivesItsPlaceBackAlsoWhereNobodyHasBoundTheInprocName) {
+  for (const int type : {ZMQ_PUSH, ZMQ_REQ, ZMQ_DEALER, ZMQ_SUB}) {
+    const std::string endpoint = uniqueInproc();
+    const OpenSockets sockets;
+    for (int i = 0; i < 1100; ++i) {
+      ZmqSocket socket(type, endpoint);
+      if (type == ZMQ_SUB) {
+        socket.setOption(ZMQ_SUBSCRIBE, "a");
+      } else {
+        sendText(socket, "to nobody");
+      }
+    }
+    EXPECT_TRUE(sockets.become(0)) << type;
+  }
+}
+
+TEST(ZmqSocket, GivesItsPlaceBackWhenNoOtherIsLeft) {
+  const std::string endpoint = uniqueInproc();
+  auto waiting = std::make_unique<ZmqSocket>(ZMQ_PUSH, endpoint);
+  sendText(*waiting, "to nobody");
+  const SocketBudget everyOther;
+  for (int round = 0; round < 20; ++round) {
+    waiting.reset();
+    ASSERT_EQ(zmqErrorOf([&] { waiting = std::make_unique<ZmqSocket>(ZMQ_PUSH, endpoint); }),
+              "nothing thrown")
+        << round;
+  }
+}
+
+TEST(ZmqSocket, ThatWaitsForAnInprocNameKeepsItsMessagesWhenOthersGiveUp) {
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket stays(ZMQ_PUSH, endpoint);
+  sendText(stays, "first");
+  for (int i = 0; i < 20; ++i) {
+    ZmqSocket goes(ZMQ_PUSH, endpoint);
+    sendText(goes, "dropped");
+  }
+  EXPECT_FALSE(stays.peerGone());
+  sendText(stays, "second");
+  ZmqSocket binder(ZMQ_PULL);
+  binder.bind(endpoint);
+  EXPECT_EQ(receiveText(binder), "first");
+  EXPECT_EQ(receiveText(binder), "second");
+  sendText(stays, "third");
+  EXPECT_EQ(receiveText(binder), "third");
+  ZmqFrame none;
+  EXPECT_FALSE(binder.receive(none, ZMQ_DONTWAIT));
+}
+
+TEST(ZmqSocket, IsMadeAndClosedWhileTheInprocNameIsBoundAndUnbound) {
   const std::string endpoint = uniqueInproc();
   const OpenSockets sockets;
-  for (int i = 0; i < 10; ++i) {
-    ZmqSocket orphan(ZMQ_REQ, endpoint);
-    sendText(orphan, "to nobody");
+  std::atomic<bool> done{false};
+  {
+    ZmqSocket stays(ZMQ_PUSH, endpoint);
+    std::vector<std::unique_ptr<ScopedThread>> others;
+    for (int i = 0; i < 3; ++i) {
+      others.push_back(std::make_unique<ScopedThread>([&] {
+        while (!done) sendText(*std::make_unique<ZmqSocket>(ZMQ_PUSH, endpoint), "of another");
+      }));
+    }
+    for (int round = 0; round < 300; ++round) {
+      ZmqSocket binder(ZMQ_PULL);
+      binder.bind(endpoint);
+      sendText(stays, std::to_string(round));
+      std::string got = "of another";
+      while (got == "of another") got = receiveText(binder);
+      ASSERT_EQ(got, std::to_string(round));
+    }
+    done = true;
   }
-  ZmqSocket::releaseOrphans(endpoint);
   EXPECT_TRUE(sockets.become(0));
 }
 
-TEST(ZmqSocket, ReleasingTheOrphansOfANameThatIsBoundDoesNothing) {
+TEST(ZmqSocket, ThatIsToldOfItsInprocPeerConnectsAgainAndKeepsWhatHasArrived) {
   const std::string endpoint = uniqueInproc();
-  ZmqSocket binder(ZMQ_PULL);
-  binder.bind(endpoint);
-  ZmqSocket sender(ZMQ_PUSH, endpoint);
-  ZmqSocket::releaseOrphans(endpoint);
-  EXPECT_FALSE(sender.peerGone());
-  EXPECT_TRUE(InprocEndpoints::instance().isBound(endpoint));
-  sendText(sender, "still there");
-  EXPECT_EQ(receiveText(binder), "still there");
+  ZmqSocket subscriber(ZMQ_SUB);
+  subscriber.setReceiveTimeout(std::chrono::milliseconds(kPatience).count());
+  subscriber.setOption(ZMQ_SUBSCRIBE, "");
+  std::atomic<int> told{0};
+  subscriber.onPeerGone([&] { ++told; });
+  subscriber.connect(endpoint);
+  const void* const handle = subscriber.handle();
+  for (int round = 1; round <= 3; ++round) {
+    {
+      ZmqSocket binder(ZMQ_XPUB);
+      binder.bind(endpoint);
+      binder.setReceiveTimeout(std::chrono::milliseconds(kPatience).count());
+      EXPECT_EQ(receiveText(binder), "\x01");
+      subscriber.connectAgainIfPeerGone();  // which it has not
+      sendText(binder, "read later");
+      EXPECT_EQ(told, round - 1);
+    }
+    EXPECT_EQ(told, round);
+    EXPECT_TRUE(subscriber.peerGone());
+    subscriber.connectAgainIfPeerGone();
+    EXPECT_FALSE(subscriber.peerGone());
+    EXPECT_EQ(receiveText(subscriber), "read later");
+  }
+  EXPECT_EQ(subscriber.handle(), handle);
+}
+
+TEST(ZmqSocket, IsNotToldOfItsInprocPeerOnceItIsClosedOrConnectedElsewhere) {
+  const std::string endpoint = uniqueInproc();
+  int told = 0;
+  for (const bool closes : {false, true}) {
+    ZmqSocket binder(ZMQ_PULL);
+    binder.bind(endpoint);
+    ZmqSocket sender(ZMQ_PUSH);
+    sender.onPeerGone([&] { ++told; });
+    sender.connect(endpoint);
+    if (closes) {
+      sender.close();
+    } else {
+      sender.connect(uniqueInproc());
+    }
+    binder.close();
+  }
+  EXPECT_EQ(told, 0);
 }
 
 TEST(ZmqSocket, WaitsALittleForTheSocketOfAnotherThatWasJustClosed) {
