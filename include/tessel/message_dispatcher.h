@@ -130,8 +130,10 @@ class TESSEL_EXPORT MultiSubscriber {
 /// up the others; callbacks for the same value run at once on the worker threads.
 class TESSEL_EXPORT MessageDispatcher {
  public:
-  /// Connects to a broker. One that is not there yet is no error: ZeroMQ goes on trying, also after
-  /// a connection is lost.
+  /// Connects to a broker. One that is not there yet is no error: it goes on trying, also after a
+  /// connection is lost. A broker that is made again at the same endpoints, of this process or
+  /// another one, gets the subscriptions that there are, and replays what it keeps to those who
+  /// have had nothing yet.
   ///
   /// @param updatesTransport one of the broker's updates transports; serves
   ///     SubscriptionMode::NewValues and every MultiSubscriber

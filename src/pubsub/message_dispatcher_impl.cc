@@ -8,6 +8,13 @@
 #include "pubsub/high_water_marks.h"
 
 namespace tessel {
+namespace {
+
+[[noreturn]] void throwDeadlock() {
+  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+}
+
+}  // namespace
 
 MessageDispatcherImpl::MessageDispatcherImpl(const std::string& updatesTransport,
                                              const std::string& cacheTransport,
@@ -19,11 +26,19 @@ MessageDispatcherImpl::MessageDispatcherImpl(const std::string& updatesTransport
   updates_.socket().setOption(ZMQ_SNDHWM, kNoHighWaterMark);
   cache_.socket().setOption(ZMQ_SNDHWM, kNoHighWaterMark);
   cache_.socket().setOption(ZMQ_RCVHWM, kReplayHighWaterMark);
-  updates_.socket().connect(updatesTransport);
-  cache_.socket().connect(cacheTransport);
+  connect(updates_, updatesTransport);
+  connect(cache_, cacheTransport);
 }
 
 MessageDispatcherImpl::~MessageDispatcherImpl() { stop(false); }
+
+void MessageDispatcherImpl::connect(SubscriptionTable& table, const std::string& transport) {
+  table.socket().onPeerGone([this] {
+    const Lock lock(registrationMutex_);
+    wake();
+  });
+  table.socket().connect(transport);
+}
 
 void MessageDispatcherImpl::wake() {
   if (wakePending_.exchange(true)) return;
@@ -65,7 +80,7 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
   if (threadId_ == std::this_thread::get_id()) {
     // Without the lock: another thread may hold it, waiting for this one to end.
     stopRequested_ = true;
-    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+    throwDeadlock();
   }
   const Lock lock(threadMutex_);
   if (!thread_.joinable()) return;
@@ -86,6 +101,7 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
 
 void MessageDispatcherImpl::run() {
   threadId_ = std::this_thread::get_id();
+  connectAgain();
   updates_.resubscribeAll();
   cache_.resubscribeAll();
   while (serveOnce()) {
@@ -102,12 +118,22 @@ bool MessageDispatcherImpl::serveOnce() {
     poll_.wait();
   }
   if (stopRequested_) return false;
-  if (wakePending_) applyRegistrations();
+  if (wakePending_) {
+    applyRegistrations();
+    connectAgain();
+  }
   const bool update = serveMessage(updates_);
   if (stopRequested_) return false;
   const bool cached = serveMessage(cache_);
   idle_ = !update && !cached;
   return true;
+}
+
+// To brokers of this process that have gone: for those of others ZeroMQ does it. Whoever binds the
+// endpoint next gets all subscriptions.
+void MessageDispatcherImpl::connectAgain() {
+  updates_.socket().connectAgainIfPeerGone();
+  cache_.socket().connectAgainIfPeerGone();
 }
 
 void MessageDispatcherImpl::applyRegistrations() {

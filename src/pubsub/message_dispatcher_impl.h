@@ -41,8 +41,10 @@ class MessageDispatcherImpl {
   using Subscriptions = std::vector<std::shared_ptr<SubscriptionBase>>;
 
   bool isOnOwnThread() const;
+  void connect(SubscriptionTable& table, const std::string& transport);
   void run();
   bool serveOnce();
+  void connectAgain();
   void applyRegistrations() TESSEL_EXCLUDES(registrationMutex_);
   bool serveMessage(SubscriptionTable& table);
   void dispatch(SubscriptionTable& table);
@@ -50,6 +52,17 @@ class MessageDispatcherImpl {
   void wake() TESSEL_REQUIRES(registrationMutex_);
 
   const std::size_t workerCount_;
+
+  // Before the sockets, since whoever closes their in-process peer wakes the dispatcher. Taken
+  // after threadMutex_, or the lock of the in-process endpoints, where that is held, too.
+  Mutex registrationMutex_;
+  Subscriptions pendingRegistrations_ TESSEL_GUARDED_BY(registrationMutex_);
+  Subscriptions pendingUnregistrations_ TESSEL_GUARDED_BY(registrationMutex_);
+  ZmqEvent wakeup_;  // signalled under registrationMutex_ only
+  // One signal is on its way, so no other is needed: written under registrationMutex_ only, read
+  // without it by the dispatcher thread. The pair behind the event holds 2000 signals and would
+  // then block, with the lock held.
+  std::atomic<bool> wakePending_{false};
 
   // The dispatcher thread's own; others touch them only before start() or after the join.
   SubscriptionTable updates_;
@@ -66,14 +79,6 @@ class MessageDispatcherImpl {
   std::atomic<std::thread::id> threadId_{};  // set by the dispatcher thread while it runs
   std::atomic<bool> stopRequested_{false};
 
-  Mutex registrationMutex_;  // taken after threadMutex_ where both are held
-  Subscriptions pendingRegistrations_ TESSEL_GUARDED_BY(registrationMutex_);
-  Subscriptions pendingUnregistrations_ TESSEL_GUARDED_BY(registrationMutex_);
-  ZmqEvent wakeup_;  // signalled under registrationMutex_ only
-  // One signal is on its way, so no other is needed: written under registrationMutex_ only, read
-  // without it by the dispatcher thread. The pair behind the event holds 2000 signals and would
-  // then block, with the lock held.
-  std::atomic<bool> wakePending_{false};
   PollSet poll_;  // the dispatcher thread's own
 };
 
