@@ -123,8 +123,8 @@ class TESSEL_EXPORT MultiSubscriber {
 
 /// Receives values from one broker and calls the subscribers registered with it.
 ///
-/// Any thread may call any operation, callbacks may register and unregister; only stop() and the
-/// destructor must not be called from a callback: the process ends.
+/// Any thread may call any operation, callbacks may register and unregister; only stop()
+/// refuses, and the destructor ends the process, when a callback calls them.
 ///
 /// All callbacks for one value return before those for the next begin, so a slow subscriber holds
 /// up the others; callbacks for the same value run at once on the worker threads.
@@ -187,6 +187,7 @@ class TESSEL_EXPORT MessageDispatcher {
   ///
   /// @param clearSubscriptions forgets the registrations that the dispatcher's thread has seen,
   ///     which stay for the next start() otherwise; those that it has not seen stay in any case
+  /// @throws std::system_error when a callback of this dispatcher calls it; nothing is stopped then
   void stop(bool clearSubscriptions = false);
 
  private:

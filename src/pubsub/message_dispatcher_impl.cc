@@ -82,6 +82,8 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
     stopRequested_ = true;
     throwDeadlock();
   }
+  // Also when another thread holds the lock, which then waits for the callback that this is.
+  if (deliveries_.isOnWorker()) throwDeadlock();
   const Lock lock(threadMutex_);
   if (!thread_.joinable()) return;
   stopRequested_ = true;

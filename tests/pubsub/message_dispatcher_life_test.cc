@@ -392,6 +392,58 @@ TEST_F(DispatcherLife, StartFromACallbackDoesNotWaitForAnotherThreadThatStops) {
             (Frames{subscribed("t:default").front(), subscribed(kMarker).front()}));
 }
 
+std::error_code stopError(MessageDispatcher& dispatcher) {
+  try {
+    dispatcher.stop();
+  } catch (const std::system_error& error) {
+    return error.code();
+  }
+  return {};
+}
+
+TEST_F(DispatcherLife, RefusesToBeStoppedByACallback) {
+  std::error_code error;
+  const auto stopper = std::make_shared<CallingSubscriber>([&] { error = stopError(dispatcher); });
+  start();
+  subscribe(broker.cache, stopper, "t:default");
+  broker.cache.send(valueMessage("t:default", "1"));
+  settle();
+  EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
+  expectNothingMoreOnTheWire();  // it goes on
+}
+
+TEST_F(DispatcherLife, RefusesToBeStoppedByACallbackWhileAnotherThreadStopsOrDestroysIt) {
+  for (const bool destroys : {false, true}) {
+    auto other =
+        std::make_unique<MessageDispatcher>(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+    MessageDispatcher& same = *other;
+    std::atomic<int> ender{0};
+    std::error_code error;
+    Journal journal;
+    const auto stopper = std::make_shared<CallingSubscriber>([&] {
+      journal.add("called");
+      EXPECT_TRUE(eventually([&] { return ender != 0; }));
+      waitUntilAsleep(ender);
+      error = stopError(same);
+    });
+    other->start();
+    other->registerSubscriber(stopper);
+    EXPECT_EQ(broker.cache.receive(), subscribed("t:default"));
+    broker.cache.send(valueMessage("t:default", "1"));
+    ASSERT_TRUE(journal.waitFor(1));
+    withoutHanging("ending while a callback stops", [&] {
+      ender = thisThread();
+      if (destroys) {
+        other.reset();
+      } else {
+        other->stop();
+      }
+    });
+    EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
+    EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));
+  }
+}
+
 // A worker of one is any other thread to another.
 TEST_F(DispatcherLife, StartFromACallbackOfAnotherDispatcherIsAStart) {
   MessageDispatcher other(broker.updatesEndpoint, broker.cacheEndpoint, 1);
@@ -499,15 +551,6 @@ struct CallingAllocator {
 std::shared_ptr<Subscriber> callingWhenFreed(const std::function<void()>& call) {
   return std::allocate_shared<Subscriber>(CallingAllocator<Subscriber>(&call),
                                           SubscriptionMode::AllValues, "freed", "");
-}
-
-std::error_code stopError(MessageDispatcher& dispatcher) {
-  try {
-    dispatcher.stop();
-  } catch (const std::system_error& error) {
-    return error.code();
-  }
-  return {};
 }
 
 TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
