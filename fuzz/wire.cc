@@ -17,7 +17,8 @@ struct Socket {
 };
 
 bool readable(void* socket) {
-  return wire().pending() && static_cast<Socket*>(socket)->type == wire().socketType;
+  return socket != nullptr && wire().pending() &&
+         static_cast<Socket*>(socket)->type == wire().socketType;
 }
 
 }  // namespace
@@ -46,8 +47,9 @@ int zmq_close(void* socket) {
 int zmq_setsockopt(void* /*socket*/, int /*option*/, const void* /*value*/, size_t /*size*/) {
   return 0;
 }
-int zmq_getsockopt(void* /*socket*/, int /*option*/, void* value, size_t* size) {
+int zmq_getsockopt(void* socket, int option, void* value, size_t* size) {
   std::memset(value, 0, *size);
+  if (option == ZMQ_EVENTS && readable(socket)) *static_cast<int*>(value) = ZMQ_POLLIN;
   return 0;
 }
 int zmq_bind(void* /*socket*/, const char* /*endpoint*/) { return 0; }
