@@ -47,7 +47,7 @@ TEST(LastValueCache, KeepsTheLastValueOfEachKey) {
 // A small frame may lie in a buffer with others, which would stay with it.
 TEST(LastValueCache, CopiesSmallValuesAndSharesLargeOnes) {
   LastValueCache cache;
-  for (const std::size_t size : {0, 1, 100, 8192, 8193, 100000}) {
+  for (const std::size_t size : {0U, 1U, 100U, 8192U, 8193U, 100000U}) {
     SCOPED_TRACE(size);
     ZmqFrame frame(std::string(size, 'x'));
     EXPECT_TRUE(cache.store("a:b", frame));
