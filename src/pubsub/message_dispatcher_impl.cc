@@ -108,6 +108,8 @@ void MessageDispatcherImpl::run() {
   cache_.resubscribeAll();
   while (serveOnce()) {
   }
+  // A callback that has begun may wait for one that nobody was called for yet.
+  deliveries_.callWorkers(*deliveryQueue_);
   updates_.unsubscribeAll();
   cache_.unsubscribeAll();
   threadId_ = std::thread::id();
