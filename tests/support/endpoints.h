@@ -7,6 +7,8 @@
 #include <atomic>
 #include <cstdlib>
 #include <mutex>
+#include <random>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <vector>
@@ -47,15 +49,29 @@ inline std::string uniqueIpc() {
   return "ipc://" + path;
 }
 
-/// A TCP endpoint on the loopback whose port was free a moment ago. The system hands such ports out
-/// in turn, so the next ones asked for are others.
+/// A TCP port that this process has not been given before, at random. None of those that the system
+/// hands out by itself, which are higher: any connection of another test could take one meanwhile.
+inline std::string newPort() {
+  static std::mutex mutex;
+  static std::set<unsigned> given;
+  static std::random_device random;
+  const std::lock_guard<std::mutex> lock(mutex);
+  unsigned port = 0;
+  while (!given.insert(port = 10000 + random() % 22000).second) {
+  }
+  return std::to_string(port);
+}
+
+/// A TCP endpoint on the loopback whose port was free a moment ago.
 inline std::string freeTcp() {
   void* context = zmq_ctx_new();
   void* socket = zmq_socket(context, ZMQ_PULL);
-  char endpoint[64];
-  size_t size = sizeof endpoint;
-  const bool bound = zmq_bind(socket, "tcp://127.0.0.1:*") == 0 &&
-                     zmq_getsockopt(socket, ZMQ_LAST_ENDPOINT, endpoint, &size) == 0;
+  std::string endpoint;
+  bool bound = false;
+  for (int tries = 0; !bound && tries < 100; ++tries) {
+    endpoint = "tcp://127.0.0.1:" + newPort();
+    bound = zmq_bind(socket, endpoint.c_str()) == 0;
+  }
   zmq_close(socket);
   zmq_ctx_term(context);  // returns when the port is free again
   if (!bound) throw std::runtime_error("no free TCP port");
