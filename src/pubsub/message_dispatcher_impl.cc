@@ -41,20 +41,21 @@ void MessageDispatcherImpl::connect(SubscriptionTable& table, const std::string&
 }
 
 void MessageDispatcherImpl::wake() {
-  if (wakePending_.exchange(true)) return;
+  if (wakePending_) return;
   wakeup_.signal();
+  wakePending_ = true;  // not before: a signal that failed would be waited for
 }
 
 void MessageDispatcherImpl::registerSubscription(std::shared_ptr<SubscriptionBase> subscription) {
   const Lock lock(registrationMutex_);
+  wake();  // first: what throws has registered nothing
   pendingRegistrations_.push_back(std::move(subscription));
-  wake();
 }
 
 void MessageDispatcherImpl::unregisterSubscription(std::shared_ptr<SubscriptionBase> like) {
   const Lock lock(registrationMutex_);
-  pendingUnregistrations_.push_back(std::move(like));
   wake();
+  pendingUnregistrations_.push_back(std::move(like));
 }
 
 bool MessageDispatcherImpl::isOnOwnThread() const {

@@ -15,6 +15,8 @@
 
 #include "support/broker_peers.h"
 #include "support/raw_broker.h"
+#include "support/watchdog.h"
+#include "support/zmq_errors.h"
 
 namespace {
 
@@ -27,6 +29,7 @@ struct Failure {
 };
 Failure failure;
 std::atomic<bool> armed{false};
+std::atomic<bool> onTestThread{false};  // on that one only, instead
 const std::thread::id testThread = std::this_thread::get_id();
 
 int typeOf(void* socket) {
@@ -38,7 +41,7 @@ int typeOf(void* socket) {
 
 bool fails(const char* function, void* socket) {
   if (!armed || failure.function != std::string(function)) return false;
-  if (std::this_thread::get_id() == testThread) return false;
+  if ((std::this_thread::get_id() == testThread) != onTestThread) return false;
   if (socket != nullptr && typeOf(socket) != failure.socketType) return false;
   errno = failure.error;
   return true;
@@ -126,6 +129,23 @@ void replay(const Failure& chosen) {
 TEST_F(PubsubFailureDeathTest, OfAReplayEndsTheProcess) {
   EXPECT_EXIT(replay({"zmq_msg_send", ZMQ_XPUB, ENOTSOCK}), ::testing::KilledBySignal(SIGABRT),
               zmq_strerror(ENOTSOCK));
+}
+
+TEST(PubsubFailures, OfTheSignalThatARegistrationNeedsMakesNoneAndTheNextOneWorks) {
+  const Watchdog watchdog("a dispatcher that could not be woken once");
+  RawBroker broker;
+  MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  dispatcher.start();
+  const auto failed = std::make_shared<RecordingSubscriber>(SubscriptionMode::AllValues, "a", "");
+  const auto next = std::make_shared<RecordingSubscriber>(SubscriptionMode::AllValues, "b", "");
+  onTestThread = true;
+  arm({"zmq_msg_send", ZMQ_PAIR, ENOTSOCK});
+  EXPECT_ZMQ_ERROR(dispatcher.registerSubscriber(failed), ENOTSOCK);
+  EXPECT_ZMQ_ERROR(dispatcher.unregisterSubscriber(failed), ENOTSOCK);
+  armed = false;
+  dispatcher.registerSubscriber(next);
+  EXPECT_EQ(broker.cache.receive(), subscribed("b:default"));
+  dispatcher.stop();
 }
 
 void runDispatcher(const Failure& chosen) {
