@@ -34,9 +34,17 @@ ZmqSocket& ThreadSocketCache::socketFor(const std::string& endpoint) {
     return known->second;
   }
   dropDeadSockets();
-  ZmqSocket& socket = sockets_.try_emplace(endpoint, socketType_).first->second;
-  if (sendLimit_ == SendLimit::kNone) socket.liftSendLimit();
-  socket.connect(endpoint);
+  const auto made = sockets_.try_emplace(endpoint, socketType_).first;
+  ZmqSocket& socket = made->second;
+  try {
+    if (sendLimit_ == SendLimit::kNone) socket.liftSendLimit();
+    socket.connect(endpoint);
+  } catch (...) {
+    // One that ZeroMQ did not connect is kept, and says so to whoever sends. Any other would be
+    // waited on for ever.
+    if (!socket.connectFailed()) sockets_.erase(made);
+    throw;
+  }
   return socket;
 }
 

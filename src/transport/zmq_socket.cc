@@ -255,7 +255,13 @@ void ZmqSocket::waitWritable() {
 
 void ZmqSocket::reconnect() {
   create();
-  connect(endpoint_);
+  try {
+    connect(endpoint_);
+  } catch (...) {
+    // Without memory ZeroMQ was not even asked: nobody must take it for connected and wait.
+    if (!connectFailed()) close();
+    throw;
+  }
 }
 
 void ZmqSocket::unbindAll() {

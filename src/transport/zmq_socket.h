@@ -78,6 +78,8 @@ class ZmqSocket {
   bool peerGone() const;
   /// Whether nobody has bound the in-process endpoint since the connect.
   bool waitsForBinder() const;
+  /// Whether ZeroMQ refused the last connect; sendFirst() and its like then throw why.
+  bool connectFailed() const { return connectError_ != 0; }
   /// Also where nobody has bound the in-process endpoint: then what was sent there is dropped.
   void close();
 

@@ -1,7 +1,9 @@
 // What is kept and what is undone when memory runs out. In a program of its own, since it stands in
 // for the allocation.
 
+#include <dlfcn.h>
 #include <gtest/gtest.h>
+#include <zmq.h>
 
 #include <atomic>
 #include <functional>
@@ -11,8 +13,31 @@
 #include "support/endpoints.h"
 #include "support/failing_allocations.h"
 #include "transport/inproc_endpoints.h"
+#include "transport/thread_socket_cache.h"
 #include "transport/work_queue.h"
 #include "transport/zmq_socket.h"
+
+namespace {
+
+// Memory runs out when so many options have been set: then a new socket is there, and nothing that
+// ZeroMQ needs for it fails.
+struct Shortage {
+  int afterOptions = 0;
+  int allocations = 0;
+};
+thread_local Shortage shortage;
+
+}  // namespace
+
+extern "C" int zmq_setsockopt(void* socket, int option, const void* value, size_t size) {
+  using SetOption = int (*)(void*, int, const void*, size_t);
+  static const auto setOption = reinterpret_cast<SetOption>(dlsym(RTLD_NEXT, "zmq_setsockopt"));
+  const int result = setOption(socket, option, value, size);
+  if (shortage.afterOptions > 0 && --shortage.afterOptions == 0) {
+    tessel::test::allocationsLeft = shortage.allocations;
+  }
+  return result;
+}
 
 namespace tessel::test {
 namespace {

@@ -227,6 +227,14 @@ TEST(ZmqFailures, ACacheKeepsNothingWhenTheSocketCouldNotBeMade) {
   EXPECT_EQ(zmqErrorOf([&] { cache.socketFor(endpoint); }), "nothing thrown");
 }
 
+TEST(ZmqFailures, ACacheKeepsNothingWhenTheSocketCouldNotBeSetUp) {
+  ThreadSocketCache cache(ZMQ_DEALER, ThreadSocketCache::SendLimit::kNone);
+  const Failing failing("zmq_setsockopt", ENOMEM, 2);  // after those of every socket
+  EXPECT_ZMQ_ERROR(cache.socketFor(uniqueInproc()), ENOMEM);
+  EXPECT_TRUE(failing.used());
+  EXPECT_EQ(cache.size(), 0U);
+}
+
 TEST(ThreadsThatEnd, CloseTheirPublishersFirst) {
   const std::string endpoint = uniqueInproc();
   RawPeer peer(ZMQ_PULL);  // they are not closed while they wait for one
