@@ -126,9 +126,9 @@ class TESSEL_EXPORT RpcBrokerObserver {
   virtual ~RpcBrokerObserver();
   /// A service was registered, with this broker or with a slave of it. Called on the thread that
   /// registers, with the broker's registry and observer list locked, so that it must not call the
-  /// broker; or for a slave on the broker's. The broker routes no call before it
-  /// returns. An exception that
-  /// leaves it reaches the caller of registerService(), and the observers behind it are not told.
+  /// broker; or for a slave on the broker's. The broker routes no call before it returns. An
+  /// exception that leaves it reaches the caller of registerService(), and the observers behind it
+  /// are not told.
   ///
   /// @param serviceName the service's first name
   /// @param instanceName the service's second name

@@ -146,9 +146,9 @@ RpcBrokerImpl::ServiceKeys RpcBrokerImpl::openRegistry() {
 void RpcBrokerImpl::closeRegistry() {
   const Lock lock(registryMutex_);
   if (!serving_) return;
+  serving_ = false;  // first: there may be no memory for the rest
   withdrawn_.clear();
   for (const auto& entry : services_) withdrawn_.push_back(entry.first);
-  serving_ = false;
 }
 
 // An observer or a service must not wait for a stop() of another thread, which waits for it. The
@@ -177,7 +177,10 @@ void RpcBrokerImpl::start() {
   try {
     thread_ = std::thread([this, announced = openRegistry()] { run(announced); });
   } catch (...) {
-    closeRegistry();
+    {
+      const Lock registryLock(registryMutex_);
+      serving_ = false;  // nothing was announced, so nothing is to be withdrawn
+    }
     dropQueuedRegistrations();
     dispatcher_->stop();
     throw;

@@ -1,8 +1,9 @@
 #include "transport/broker_number.h"
 
-#include <cstdlib>
+#include <charconv>
 #include <set>
 #include <string_view>
+#include <system_error>
 
 #include "transport/inproc_endpoints.h"
 #include "transport/mutex.h"
@@ -30,11 +31,16 @@ class BrokerNumber::Numbers {
     const Lock lock(mutex_);
     unsettled_.erase(number);
   }
-  // Whether it is the endpoint of a broker that has been made, or could not be.
+  // Whether it is the endpoint of a broker that has been made, or could not be. Without memory of
+  // its own, as threads ask that end.
   bool isSettled(const std::string& endpoint) TESSEL_EXCLUDES(mutex_) {
     if (endpoint.compare(0, prefix_.size(), prefix_) != 0) return false;
-    const std::uint64_t number = std::strtoull(endpoint.c_str() + prefix_.size(), nullptr, 10);
-    if (endpoint != endpointOf(number)) return false;
+    const char* const begin = endpoint.data() + prefix_.size();
+    const char* const end = endpoint.data() + endpoint.size();
+    std::uint64_t number = 0;
+    const auto [behind, error] = std::from_chars(begin, end, number);
+    if (behind != end || error != std::errc()) return false;
+    if (*begin == '0' && end - begin > 1) return false;  // a name that no broker has
     const Lock lock(mutex_);
     return number < next_ && unsettled_.count(number) == 0;
   }

@@ -95,9 +95,9 @@ void ZmqSocket::create() {
 }
 
 void ZmqSocket::connect(const std::string& endpoint) {
+  connectError_ = 0;
   leavePeer();
   endpoint_ = endpoint;
-  connectError_ = 0;
   const auto connectTo = [this](const std::string& name) {
     if (uninterrupted([&] { return zmq_connect(handle_, name.c_str()); }) == 0) return;
     connectError_ = zmq_errno();
