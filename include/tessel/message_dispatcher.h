@@ -75,7 +75,6 @@ class TESSEL_EXPORT Subscriber {
 
  private:
   friend class SubscriberImpl;
-  friend class MessageDispatcher;
   std::unique_ptr<SubscriberImpl> impl_;
 };
 
@@ -117,7 +116,6 @@ class TESSEL_EXPORT MultiSubscriber {
 
  private:
   friend class MultiSubscriberImpl;
-  friend class MessageDispatcher;
   std::unique_ptr<MultiSubscriberImpl> impl_;
 };
 

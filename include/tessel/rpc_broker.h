@@ -109,7 +109,6 @@ class TESSEL_EXPORT RpcBroker {
   void stop(bool clearServices = false, bool clearObservers = false);
 
  private:
-  friend class RpcClient;
   friend class RpcClientImpl;
   std::unique_ptr<RpcBrokerImpl> impl_;
 };
