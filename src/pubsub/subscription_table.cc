@@ -21,7 +21,7 @@ SubscriptionTable::SubscriptionTable() : socket_(ZMQ_SUB) {}
 std::size_t SubscriptionTable::size() const {
   std::size_t entries = 0;
   for (const Index* index : {&exact_, &prefixes_}) {
-    for (const auto& group : index->groups) entries += group.second.size();
+    for (const auto& group : *index) entries += group.second.size();
   }
   return entries;
 }
@@ -36,16 +36,15 @@ void SubscriptionTable::unsubscribe(const SubscriptionBase& entry) {
 
 void SubscriptionTable::add(Entry entry) {
   subscribe(*entry);
-  Index& index = entry->isPrefix() ? prefixes_ : exact_;
   const std::string key = indexKey(*entry);
-  Group& group = index.groups[key];
-  if (group.empty()) countGroup(index, key.size());
+  Group& group = indexOf(*entry)[key];
+  if (entry->isPrefix() && group.empty()) ++prefixLengths_[key.size()];
   group.push_back(std::move(entry));
 }
 
 void SubscriptionTable::removeOne(const SubscriptionBase& like) {
   bool removed = false;
-  filterGroup(like.isPrefix() ? prefixes_ : exact_, indexKey(like), [&](const Entry& entry) {
+  filterGroup(indexOf(like), indexKey(like), [&](const Entry& entry) {
     if (removed || entry->key() != like.key() || !entry->isSameSubscriber(like)) return false;
     unsubscribe(*entry);
     removed = true;
@@ -79,29 +78,21 @@ void SubscriptionTable::unsubscribeAll() {
 void SubscriptionTable::clear() {
   exact_ = Index();
   prefixes_ = Index();
+  prefixLengths_.clear();
 }
 
 template <typename Remove>
 void SubscriptionTable::filterAll(const Remove& remove) {
   for (Index* index : {&exact_, &prefixes_}) {
-    for (auto found = index->groups.begin(); found != index->groups.end();) {
-      Group& group = found->second;
-      group.erase(std::remove_if(group.begin(), group.end(), remove), group.end());
-      if (group.empty()) {
-        forgetGroup(*index, found->first.size());
-        found = index->groups.erase(found);
-      } else {
-        ++found;
-      }
+    for (auto found = index->begin(); found != index->end();) {
+      found = filterGroup(*index, found, remove);
     }
   }
 }
 
-void SubscriptionTable::countGroup(Index& index, std::size_t length) { ++index.lengths[length]; }
-
-void SubscriptionTable::forgetGroup(Index& index, std::size_t length) {
-  const auto count = index.lengths.find(length);
-  if (--count->second == 0) index.lengths.erase(count);
+void SubscriptionTable::forgetPrefixLength(std::size_t length) {
+  const auto count = prefixLengths_.find(length);
+  if (--count->second == 0) prefixLengths_.erase(count);
 }
 
 }  // namespace tessel

@@ -3,6 +3,7 @@
 
 #include <algorithm>
 #include <cstddef>
+#include <iterator>
 #include <map>
 #include <memory>
 #include <string>
@@ -51,41 +52,47 @@ class SubscriptionTable {
 
  private:
   using Group = std::vector<Entry>;
-
   // Entries by what they are looked up with, in groups of equal ones.
-  struct Index {
-    std::unordered_map<std::string, Group> groups;
-    // How many groups there are of each length, in the index of prefixes: no other beginnings of a
-    // key need to be looked up.
-    std::map<std::size_t, std::size_t> lengths;
-  };
+  using Index = std::unordered_map<std::string, Group>;
 
   void subscribe(const SubscriptionBase& entry);
   void unsubscribe(const SubscriptionBase& entry);
-  // Removes the entries for which `remove(entry)` is true, from one group and from all.
+  Index& indexOf(const SubscriptionBase& entry) { return entry.isPrefix() ? prefixes_ : exact_; }
+  // Removes the entries for which `remove(entry)` is true, from one group and from all; a group
+  // goes with its last entry, and what comes next is returned.
+  template <typename Remove>
+  Index::iterator filterGroup(Index& index, Index::iterator found, const Remove& remove);
   template <typename Remove>
   void filterGroup(Index& index, const std::string& indexKey, const Remove& remove);
   template <typename Remove>
   void filterAll(const Remove& remove);
-  static void countGroup(Index& index, std::size_t length);
-  static void forgetGroup(Index& index, std::size_t length);
+  void forgetPrefixLength(std::size_t length);
 
   ZmqSocket socket_;
   Index exact_;
   Index prefixes_;
+  // How many groups of prefixes there are of each length: no other beginnings of a key need to be
+  // looked up.
+  std::map<std::size_t, std::size_t> prefixLengths_;
   std::string beginning_;  // of the key looked up; kept for its memory
 };
 
 template <typename Remove>
-void SubscriptionTable::filterGroup(Index& index, const std::string& indexKey,
-                                    const Remove& remove) {
-  const auto found = index.groups.find(indexKey);
-  if (found == index.groups.end()) return;
+SubscriptionTable::Index::iterator SubscriptionTable::filterGroup(Index& index,
+                                                                  Index::iterator found,
+                                                                  const Remove& remove) {
   Group& group = found->second;
   group.erase(std::remove_if(group.begin(), group.end(), remove), group.end());
-  if (!group.empty()) return;
-  forgetGroup(index, indexKey.size());
-  index.groups.erase(found);
+  if (!group.empty()) return std::next(found);
+  if (&index == &prefixes_) forgetPrefixLength(found->first.size());
+  return index.erase(found);
+}
+
+template <typename Remove>
+void SubscriptionTable::filterGroup(Index& index, const std::string& indexKey,
+                                    const Remove& remove) {
+  const auto found = index.find(indexKey);
+  if (found != index.end()) filterGroup(index, found, remove);
 }
 
 template <typename Visit>
@@ -96,7 +103,7 @@ void SubscriptionTable::visitMatches(const std::string& key, const Visit& visit)
     return true;
   };
   filterGroup(exact_, key, visitAndDrop);
-  for (auto length = prefixes_.lengths.begin(); length != prefixes_.lengths.end();) {
+  for (auto length = prefixLengths_.begin(); length != prefixLengths_.end();) {
     if (length->first > key.size()) break;
     beginning_.assign(key, 0, length->first);
     ++length;  // before the group may go, and its length with it
