@@ -57,11 +57,7 @@ bool MessageBase::sendWhole(ZmqSocket& socket, WhenFull whenFull) {
       return true;
     }
     first = false;
-    if (whenFull == WhenFull::kGiveUpIfAbandoned) {
-      return socket.sendFirstUnlessAbandoned(frame, ZMQ_SNDMORE);
-    }
-    socket.sendFirst(frame, ZMQ_SNDMORE);
-    return true;
+    return socket.sendFirst(frame, ZMQ_SNDMORE, whenFull);
   };
   if (socket.type() != ZMQ_REQ) {  // a REQ socket makes its own delimiter
     for (ZmqFrame& frame : header_.envelope) {

@@ -49,7 +49,6 @@ class MessageBase {
  private:
   virtual bool receiveBody(ZmqSocket& socket) = 0;
   virtual void sendBody(ZmqSocket& socket) = 0;
-  enum class WhenFull { kWait, kGiveUpIfAbandoned };
   bool sendWhole(ZmqSocket& socket, WhenFull whenFull);
 
   const std::int32_t expectedType_;  // of the class; the header may come to hold another

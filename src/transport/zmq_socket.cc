@@ -2,13 +2,11 @@
 
 #include <zmq.h>
 
-#include <atomic>
 #include <cerrno>
-#include <chrono>
 #include <limits>
-#include <thread>
 #include <utility>
 
+#include "transport/close_time.h"
 #include "transport/left_sockets.h"
 #include "transport/zmq_context.h"
 #include "transport/zmq_error.h"
@@ -16,47 +14,11 @@
 namespace tessel {
 namespace {
 
-using Clock = std::chrono::steady_clock;
-
-// ZeroMQ closes in the background: for a moment after a close, the place among the sockets of the
-// context, and the endpoint if it was bound, are still taken.
-constexpr std::chrono::milliseconds kRecently{1000};
-constexpr std::chrono::milliseconds kInsistence{100};
-constexpr std::chrono::milliseconds kInterval{1};
-
 // How often a sender that waits looks whether its in-process peer has gone meanwhile.
 constexpr long kSendPollMilliseconds = 20;
 
-// When something was last closed in this process.
-class CloseTime {
- public:
-  void note() { ticks_ = Clock::now().time_since_epoch().count(); }
-  bool isRecent() const {
-    const Clock::rep ticks = ticks_;
-    return ticks != kNever && Clock::now() - Clock::time_point(Clock::duration(ticks)) < kRecently;
-  }
-
- private:
-  static constexpr Clock::rep kNever = std::numeric_limits<Clock::rep>::min();
-  std::atomic<Clock::rep> ticks_{kNever};
-};
-
 CloseTime lastClose;
 CloseTime lastCloseOfBound;
-
-// Attempts until it succeeds; throws ZeroMQ's error, unless it is the one that a close on its way
-// explains: then only when that does not come to its end.
-template <typename Attempt>
-void insist(int explained, const CloseTime& closed, const Attempt& attempt) {
-  const Clock::time_point begun = Clock::now();
-  while (!attempt()) {
-    const int error = zmq_errno();
-    if (error != explained || !closed.isRecent() || Clock::now() - begun >= kInsistence) {
-      throwZmqError(error);
-    }
-    std::this_thread::sleep_for(kInterval);
-  }
-}
 
 // Repeats a call of ZeroMQ that a signal handler interrupted. Also one that does not wait can be:
 // it looks at the socket's mailbox, and the system does not tell the two apart.
@@ -80,7 +42,7 @@ ZmqSocket::~ZmqSocket() { close(); }
 void ZmqSocket::create() {
   close();
   receivingMore_ = false;
-  insist(EMFILE, lastClose, [this] {
+  lastClose.insist(EMFILE, [this] {
     handle_ = zmq_socket(ZmqContext::handle(), type_);
     return handle_ != nullptr;
   });
@@ -124,7 +86,7 @@ void ZmqSocket::leavePeer() {
 }
 
 void ZmqSocket::bind(const std::string& endpoint) {
-  insist(EADDRINUSE, lastCloseOfBound, [&] { return tryBind(endpoint); });
+  lastCloseOfBound.insist(EADDRINUSE, [&] { return tryBind(endpoint); });
 }
 
 bool ZmqSocket::tryBind(const std::string& endpoint) {
@@ -230,18 +192,14 @@ bool ZmqSocket::sendFirstNow(ZmqFrame& frame, int flags) {
   return send(frame, flags | ZMQ_DONTWAIT);
 }
 
-void ZmqSocket::sendFirst(ZmqFrame& frame, int flags) {
-  ensureConnected();
-  while (!sendFirstNow(frame, flags)) {
-    waitWritable();
-    ensureConnected();
-  }
+bool ZmqSocket::isAbandoned() const {
+  return inproc_ != nullptr && !InprocEndpoints::instance().isBound(endpoint_);
 }
 
-bool ZmqSocket::sendFirstUnlessAbandoned(ZmqFrame& frame, int flags) {
+bool ZmqSocket::sendFirst(ZmqFrame& frame, int flags, WhenFull whenFull) {
   ensureConnected();
   while (!sendFirstNow(frame, flags)) {
-    if (inproc_ != nullptr && !InprocEndpoints::instance().isBound(endpoint_)) return false;
+    if (whenFull == WhenFull::kGiveUpIfAbandoned && isAbandoned()) return false;
     waitWritable();
     ensureConnected();
   }

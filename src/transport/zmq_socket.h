@@ -14,6 +14,12 @@
 
 namespace tessel {
 
+/// What a sender does whose queue is full.
+enum class WhenFull {
+  kWait,
+  kGiveUpIfAbandoned  // as soon as nobody in this process is bound to the in-process endpoint
+};
+
 /// One owned socket of the process's context, with linger 0; used by one thread at a time.
 /// What ZeroMQ refuses is thrown as std::runtime_error with its text; a time-out is no failure.
 class ZmqSocket {
@@ -66,11 +72,9 @@ class ZmqSocket {
 
   /// Sends the first frame of a message: connects again first if the in-process peer has gone, and
   /// waits without missing that when the queue is full. Throws when the connect had failed, since
-  /// nothing would ever take the message. The other frames follow with send().
-  void sendFirst(ZmqFrame& frame, int flags);
-  /// The same, but gives up, with false, when the queue is full and nobody in this process is
-  /// bound to the in-process endpoint any more: for those who must not wait for a newcomer.
-  bool sendFirstUnlessAbandoned(ZmqFrame& frame, int flags);
+  /// nothing would ever take the message. False only when it has given up: for those who must not
+  /// wait for a newcomer. The other frames follow with send().
+  bool sendFirst(ZmqFrame& frame, int flags, WhenFull whenFull = WhenFull::kWait);
 
   /// A new socket of the same type, time-out, send limit and endpoint. Other options are not kept.
   void reconnect();
@@ -78,7 +82,7 @@ class ZmqSocket {
   bool peerGone() const;
   /// Whether nobody has bound the in-process endpoint since the connect.
   bool waitsForBinder() const;
-  /// Whether ZeroMQ refused the last connect; sendFirst() and its like then throw why.
+  /// Whether ZeroMQ refused the last connect; sendFirst() then throws why.
   bool connectFailed() const { return connectError_ != 0; }
   /// Also where nobody has bound the in-process endpoint: then what was sent there is dropped.
   void close();
@@ -90,6 +94,7 @@ class ZmqSocket {
   bool tryBind(const std::string& endpoint);
   void ensureConnected();
   bool sendFirstNow(ZmqFrame& frame, int flags);
+  bool isAbandoned() const;
   void waitWritable();
 
   void* handle_ = nullptr;

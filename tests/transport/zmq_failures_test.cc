@@ -183,7 +183,7 @@ TEST(ZmqFailures, AReconnectThatGotNoSocketIsMadeUpForByTheNextMessage) {
   {
     const Failing failing("zmq_socket", ENOMEM, 0, 2);
     EXPECT_ZMQ_ERROR(sender.sendFirst(frame, 0), ENOMEM);
-    EXPECT_ZMQ_ERROR(sender.sendFirstUnlessAbandoned(frame, 0), ENOMEM);
+    EXPECT_ZMQ_ERROR(sender.sendFirst(frame, 0, WhenFull::kGiveUpIfAbandoned), ENOMEM);
   }
   sender.sendFirst(frame, 0);
   ZmqFrame received;

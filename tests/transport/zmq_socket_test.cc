@@ -420,7 +420,7 @@ TEST(ZmqSocket, ASendThrowsTheZmqTextOfOtherErrors) {
   ZmqFrame frame(std::string("a"));
   EXPECT_ZMQ_ERROR(cannotSend.send(frame, 0), ENOTSUP);
   EXPECT_ZMQ_ERROR(cannotSend.sendFirst(frame, 0), ENOTSUP);
-  EXPECT_ZMQ_ERROR(cannotSend.sendFirstUnlessAbandoned(frame, 0), ENOTSUP);
+  EXPECT_ZMQ_ERROR(cannotSend.sendFirst(frame, 0, WhenFull::kGiveUpIfAbandoned), ENOTSUP);
   ZmqSocket router(ZMQ_ROUTER);
   router.setOption(ZMQ_ROUTER_MANDATORY, 1);
   EXPECT_ZMQ_ERROR(router.send(frame, ZMQ_SNDMORE), EHOSTUNREACH);
@@ -542,7 +542,7 @@ TEST(ZmqSocket, SendingAfterAFailedConnectThrowsWhatTheConnectThrew) {
   ZmqFrame frame(std::string("a"));
   EXPECT_ZMQ_ERROR(socket.sendFirst(frame, 0), EPROTONOSUPPORT);
   EXPECT_ZMQ_ERROR(socket.sendFirst(frame, 0), EPROTONOSUPPORT);
-  EXPECT_ZMQ_ERROR(socket.sendFirstUnlessAbandoned(frame, 0), EPROTONOSUPPORT);
+  EXPECT_ZMQ_ERROR(socket.sendFirst(frame, 0, WhenFull::kGiveUpIfAbandoned), EPROTONOSUPPORT);
   EXPECT_EQ(frame.toString(), "a");
 
   const std::string endpoint = uniqueInproc();
@@ -689,14 +689,14 @@ TEST(ZmqSocket, GivesUpOnlyWhenTheQueueIsFullAndNobodyIsBound) {
   ZmqFrame frame(std::string("kept"));
   int taken = 0;
   ZmqFrame filler;
-  while (sender.sendFirstUnlessAbandoned(filler, 0)) ++taken;
+  while (sender.sendFirst(filler, 0, WhenFull::kGiveUpIfAbandoned)) ++taken;
   EXPECT_EQ(taken, 1000);  // what ZeroMQ holds for a name that nobody has bound
-  EXPECT_FALSE(sender.sendFirstUnlessAbandoned(frame, 0));
+  EXPECT_FALSE(sender.sendFirst(frame, 0, WhenFull::kGiveUpIfAbandoned));
   EXPECT_EQ(frame.toString(), "kept");
 
   ZmqSocket binder(ZMQ_PULL);
   binder.bind(endpoint);
-  EXPECT_TRUE(sender.sendFirstUnlessAbandoned(frame, 0));
+  EXPECT_TRUE(sender.sendFirst(frame, 0, WhenFull::kGiveUpIfAbandoned));
   for (int i = 0; i < taken; ++i) ASSERT_EQ(receiveText(binder), "");
   EXPECT_EQ(receiveText(binder), "kept");
 }
@@ -714,7 +714,7 @@ TEST(ZmqSocket, ASenderThatMayGiveUpWaitsWhileSomebodyIsBound) {
     while (sender.send(filler, ZMQ_DONTWAIT)) ++queued;
     held = thisThread();
     ZmqFrame frame(std::string("after"));
-    sent = sender.sendFirstUnlessAbandoned(frame, 0);
+    sent = sender.sendFirst(frame, 0, WhenFull::kGiveUpIfAbandoned);
   });
   ASSERT_TRUE(eventually([&] { return held != 0; }));
   waitUntilAsleep(held);  // for room, not having given up
@@ -737,7 +737,7 @@ TEST(ZmqSocket, ASenderThatMayGiveUpDoesSoWhenItsPeerGoesWhileItWaits) {
     }
     held = true;
     // Connected anew there is room again, but only for so many.
-    while (sender.sendFirstUnlessAbandoned(filler, 0)) {
+    while (sender.sendFirst(filler, 0, WhenFull::kGiveUpIfAbandoned)) {
     }
     done = true;
   });
@@ -758,7 +758,8 @@ TEST(ZmqSocket, ATcpSenderWithoutAPeerDoesNotGiveUp) {
     while (sender.send(filler, ZMQ_DONTWAIT)) ++queued;
     held = true;
     ZmqFrame frame(std::string("after"));
-    sent = sender.sendFirstUnlessAbandoned(frame, ZMQ_SNDMORE) && sender.send(frame, 0);
+    sent =
+        sender.sendFirst(frame, ZMQ_SNDMORE, WhenFull::kGiveUpIfAbandoned) && sender.send(frame, 0);
     held = false;
     while (!held) std::this_thread::yield();  // linger 0: not closed before all was read
   });
