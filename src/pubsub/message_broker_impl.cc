@@ -98,7 +98,7 @@ bool MessageBrokerImpl::serveOnce() {
     if (stopRequested_ || poll_.readable(kStopItem)) return false;
   }
   const Inbound inbound = serveInbound();
-  if (inbound == Inbound::kDropped) {
+  if (inbound == Inbound::kUnknown) {
     idle_ = false;
     return true;
   }
@@ -113,24 +113,26 @@ MessageBrokerImpl::Inbound MessageBrokerImpl::serveInbound() {
     case HeaderRead::kNothing:
       return Inbound::kNothing;
     case HeaderRead::kMalformed:
-      return Inbound::kDropped;
+      return Inbound::kUnknown;
     case HeaderRead::kRead:
       break;
   }
   switch (header.type) {
     case kMessagePublish:
-      return servePublication(std::move(header));
+      servePublication(std::move(header));
+      return Inbound::kServed;
     case kMessageUnpublish:
-      return serveWithdrawal(std::move(header));
+      serveWithdrawal(std::move(header));
+      return Inbound::kServed;
     default:
       pullSocket_.discardPending();
-      return Inbound::kDropped;
+      return Inbound::kUnknown;
   }
 }
 
-MessageBrokerImpl::Inbound MessageBrokerImpl::servePublication(MessageHeader&& header) {
+void MessageBrokerImpl::servePublication(MessageHeader&& header) {
   MessagePublish message(std::move(header));
-  if (!message.receive(pullSocket_)) return Inbound::kDropped;
+  if (!message.receive(pullSocket_)) return;
   const bool cached = message.hasOption(kKeepInCache);
   assignKey(key_, message.topic(), message.tag());
   ZmqFrame value = message.valueFrame();
@@ -141,12 +143,11 @@ MessageBrokerImpl::Inbound MessageBrokerImpl::servePublication(MessageHeader&& h
   observers_.notify([&](MessageBrokerObserver& observer) {
     observer.onPublish(message.topic(), message.tag(), cached, stored, suppressed);
   });
-  return Inbound::kServed;
 }
 
-MessageBrokerImpl::Inbound MessageBrokerImpl::serveWithdrawal(MessageHeader&& header) {
+void MessageBrokerImpl::serveWithdrawal(MessageHeader&& header) {
   MessageUnpublish message(std::move(header));
-  if (!message.receive(pullSocket_)) return Inbound::kDropped;
+  if (!message.receive(pullSocket_)) return;
   const bool remove = message.hasOption(kRemoveFromCache);
   assignKey(key_, message.topic(), message.tag());
   const bool erased = remove && cache_.erase(key_);
@@ -155,7 +156,6 @@ MessageBrokerImpl::Inbound MessageBrokerImpl::serveWithdrawal(MessageHeader&& he
   observers_.notify([&](MessageBrokerObserver& observer) {
     observer.onUnpublish(message.topic(), message.tag(), remove, erased, false);
   });
-  return Inbound::kServed;
 }
 
 void MessageBrokerImpl::broadcast(ValueNotification&& notification) {

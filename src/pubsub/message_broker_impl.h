@@ -41,12 +41,14 @@ class MessageBrokerImpl {
   bool serveOnce();
 
  private:
-  enum class Inbound { kNothing, kDropped, kServed };
+  /// Unknown is what is neither a publication nor a withdrawal: dropped, and the pass is over. One
+  /// of those with a bad body is dropped as well, but counts as served.
+  enum class Inbound { kNothing, kUnknown, kServed };
 
   void run();
   Inbound serveInbound();
-  Inbound servePublication(MessageHeader&& header);
-  Inbound serveWithdrawal(MessageHeader&& header);
+  void servePublication(MessageHeader&& header);
+  void serveWithdrawal(MessageHeader&& header);
   bool serveSubscription();
   void greetSubscriber(const std::string& subscription);
   void broadcast(ValueNotification&& notification);

@@ -477,7 +477,7 @@ TEST(BrokerRouting, APassServesOneMessageOfEachSocketPublishersFirst) {
   EXPECT_EQ(at.heard(), (Lines{"unpublish t 2 0 0 0", "subscribe s 2"}));
 }
 
-TEST(BrokerRouting, APassThatDropsAMessageServesNothingElse) {
+TEST(BrokerRouting, APassThatDropsAnUnknownMessageServesNothingElse) {
   HandServedBroker at;
   at.cached.subscribe("s:1");
   at.in.send({"nonsense"});
@@ -521,6 +521,29 @@ TEST(BrokerRouting, AValueOf64MebibytesIsSentKeptComparedAndReplayed) {
   EXPECT_TRUE(at.live.receive() == notification("t:g", value, 0));
   EXPECT_EQ(at.heard(), (Lines{"publish t g 1 1 0", "publish t g 1 0 1", "subscribe t g",
                                "publish t g 1 1 0"}));
+}
+
+TEST(BrokerRouting, APassThatDropsABadBodyServesASubscriptionAsWell) {
+  HandServedBroker at;
+  int subscription = 0;
+  const auto extended = [](Frames frames) {
+    frames.emplace_back("more");
+    return frames;
+  };
+  for (const Frames& bad :
+       {Frames{"", "RS02", "\x03", "t"}, extended(publication("t", "g", "1", kCached)),
+        Frames{"", "RS02", "\x04", "t"}, extended(withdrawal("t", "g", kRemove))}) {
+    const std::string tag = std::to_string(++subscription);
+    at.in.send(bad);
+    at.in.send(publication("t", "g", tag, kCached));
+    at.cached.subscribe("s:" + tag);
+    at.pass();
+    EXPECT_EQ(at.heard(), Lines{"subscribe s " + tag}) << testing::PrintToString(bad);
+    EXPECT_FALSE(at.live.readable());
+    at.pass();
+    EXPECT_EQ(at.heard(), Lines{"publish t g 1 1 0"});
+    EXPECT_EQ(at.live.receive(), notification("t:g", tag, 0));
+  }
 }
 
 }  // namespace
