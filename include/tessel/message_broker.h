@@ -53,8 +53,9 @@ class TESSEL_EXPORT MessageBroker {
   /// Waits for the broker's thread to end. What arrives from then on waits in the sockets' queues
   /// for the next start(). Does nothing when the broker does not run, whatever the flags say.
   ///
-  /// An observer that hears of the clearing must not call start() or stop(). If one throws, the
-  /// others are told all the same and both are cleared; the first exception then leaves stop().
+  /// Called by an observer that hears of the clearing, start() and stop() do nothing. If one
+  /// throws, the others are told all the same and both are cleared; the first exception then leaves
+  /// stop().
   ///
   /// @param clearCache forgets every cached value and tells the observers, on the calling thread;
   ///     no dispatcher hears of it

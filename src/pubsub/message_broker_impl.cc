@@ -23,6 +23,20 @@ constexpr std::size_t kStopItem = 0;
 constexpr char kSubscribe = 1;
 constexpr char kUnsubscribe = 0;
 
+// Names the calling thread for as long as it lives.
+class NamedThread {
+ public:
+  explicit NamedThread(std::atomic<std::thread::id>& name) : name_(name) {
+    name_ = std::this_thread::get_id();
+  }
+  ~NamedThread() { name_ = std::thread::id(); }
+  NamedThread(const NamedThread&) = delete;
+  NamedThread& operator=(const NamedThread&) = delete;
+
+ private:
+  std::atomic<std::thread::id>& name_;
+};
+
 }  // namespace
 
 MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTransports,
@@ -51,6 +65,7 @@ MessageBrokerImpl::~MessageBrokerImpl() { stop(false, false); }
 void MessageBrokerImpl::start() {
   // From an observer: it runs, and who holds the lock may be waiting for this thread to end.
   if (threadId_ == std::this_thread::get_id()) return;
+  if (clearingThreadId_ == std::this_thread::get_id()) return;
   const Lock lock(threadMutex_);
   if (thread_.joinable()) return;
   stopRequested_ = false;
@@ -63,6 +78,9 @@ void MessageBrokerImpl::stop(bool clearCache, bool clearObservers) {
     stopRequested_ = true;
     throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
   }
+  // From an observer that hears of the clearing, or the destructor of one that lost its last owner
+  // then: this thread holds the lock, and the broker has stopped.
+  if (clearingThreadId_ == std::this_thread::get_id()) return;
   const Lock lock(threadMutex_);
   if (!thread_.joinable()) return;
   stopRequested_ = true;
@@ -84,10 +102,9 @@ void MessageBrokerImpl::detach(const std::shared_ptr<MessageBrokerObserver>& obs
 }
 
 void MessageBrokerImpl::run() {
-  threadId_ = std::this_thread::get_id();
+  const NamedThread running(threadId_);
   while (serveOnce()) {
   }
-  threadId_ = std::thread::id();
 }
 
 bool MessageBrokerImpl::serveOnce() {
@@ -193,6 +210,7 @@ void MessageBrokerImpl::greetSubscriber(const std::string& subscription) {
 // One that throws keeps neither the others from hearing of every key nor the broker from forgetting
 // it: a stop() after this one would do nothing, so there is no second chance.
 std::exception_ptr MessageBrokerImpl::forgetCachedValues() {
+  const NamedThread clearing(clearingThreadId_);
   std::exception_ptr thrown;
   cache_.forEachKey([&](const std::string& key) {
     const TopicAndTag parts = splitKey(key);

@@ -70,6 +70,7 @@ class MessageBrokerImpl {
   Mutex threadMutex_;  // orders start() and stop(); taken before the observers' lock
   std::thread thread_ TESSEL_GUARDED_BY(threadMutex_);  // joinable until a stop() has joined it
   std::atomic<std::thread::id> threadId_{};             // set by the broker thread while it runs
+  std::atomic<std::thread::id> clearingThreadId_{};     // set by stop() while it clears the cache
   std::atomic<bool> stopRequested_{false};
   ZmqEvent stopSignal_;  // signalled and consumed under threadMutex_ only
   PollSet poll_;         // the broker thread's own

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "support/broker_peers.h"
+#include "support/no_hang.h"
 #include "support/threads.h"
 #include "support/zmq_errors.h"
 
@@ -853,6 +854,72 @@ TEST(BrokerOnTheSameEndpoints, IsRefusedWhileAnotherHasThem) {
   const auto in = pushTo(pull);
   in->send(publication("t", "g", "", 0));
   EXPECT_EQ(observer->journal.lines(1), Lines{"publish t g 0 0 0"});  // it is none the worse
+}
+
+// --- Observers that go while the cache is cleared
+
+class StoppingWhenDestroyed : public RecordingBrokerObserver {
+ public:
+  StoppingWhenDestroyed(MessageBroker& broker, Journal& told) : broker_(broker), told_(told) {}
+  ~StoppingWhenDestroyed() override {
+    broker_.stop();
+    told_.add("destroyed");
+  }
+  void onUnpublish(const std::string& topic, const std::string& tag, bool, bool, bool) override {
+    told_.add(topic + " " + tag);
+  }
+
+ private:
+  MessageBroker& broker_;
+  Journal& told_;
+};
+
+class OnUnpublish : public RecordingBrokerObserver {
+ public:
+  explicit OnUnpublish(std::function<void()> call) : call_(std::move(call)) {}
+  void onUnpublish(const std::string&, const std::string&, bool, bool, bool) override { call_(); }
+
+ private:
+  const std::function<void()> call_;
+};
+
+TEST_F(BrokerLife, AnObserverMayLoseItsLastOwnerToAnotherWhileAStopClearsTheCache) {
+  for (const bool isFirst : {true, false}) {
+    Journal told;
+    auto going = std::make_shared<StoppingWhenDestroyed>(broker, told);
+    const auto dropping = std::make_shared<OnUnpublish>([&] { going.reset(); });
+    if (isFirst) broker.attach(going);
+    broker.attach(dropping);
+    if (!isFirst) broker.attach(going);
+    broker.start();
+    const std::size_t before = observer->journal.size();
+    for (const char* tag : {"g", "h"}) in.send(publication("t", tag, "1", kCached));
+    ASSERT_TRUE(observer->journal.waitFor(before + 2));
+    withoutHanging("clearing the cache", [&] { broker.stop(true, false); });
+    // Of the first key only, if it comes to that before it goes.
+    EXPECT_EQ(told.size(), isFirst ? 2U : 1U);
+    EXPECT_EQ(told.lines().back(), "destroyed");
+  }
+}
+
+TEST_F(BrokerLife, StartAndStopFromAnObserverThatHearsOfTheClearingDoNothing) {
+  const int before = threadCount();
+  int calls = 0;
+  const auto calling = std::make_shared<OnUnpublish>([&] {
+    ++calls;
+    broker.start();
+    EXPECT_TRUE(eventually([&] { return threadCount() <= before + 1; }));  // that which stops it
+    broker.stop(true, true);
+  });
+  broker.attach(calling);
+  broker.start();
+  for (const char* tag : {"g", "h"}) in.send(publication("t", tag, "1", kCached));
+  heard(2);
+  withoutHanging("clearing the cache", [&] { broker.stop(true, false); });
+  EXPECT_EQ(calls, 2);
+  EXPECT_THAT(observer->journal.lines(), SizeIs(4));  // it has heard of both as well
+  broker.start();
+  expectServes();
 }
 
 }  // namespace
