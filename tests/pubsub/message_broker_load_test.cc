@@ -180,5 +180,19 @@ TEST(BrokerThatIsQuiet, KnowsANewLiveSubscriberBeforeTheNextValue) {
   }
 }
 
+// A subscriber of live values that does not read misses those that do not fit into the two queues
+// of 1000, instead of filling the memory. One on the cache's side would miss none so soon.
+TEST(BrokerUnderLoad, LiveValuesForOneThatDoesNotReadWaitUpToTheHighWaterMark) {
+  const int values = 3000;
+  HandServedBroker at;
+  at.subscribe("t:g");
+  for (int i = 0; i < values; ++i) at.publish("t", "g", std::to_string(i), 0);
+  int kept = 0;
+  for (; at.live.readable(); ++kept) {
+    ASSERT_EQ(at.live.receive(), notification("t:g", std::to_string(kept), 0));
+  }
+  EXPECT_EQ(kept, 2000);
+}
+
 }  // namespace
 }  // namespace tessel::test

@@ -11,6 +11,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -40,6 +41,9 @@ struct Failure {
   int times = 0;
 };
 thread_local Failure failure;
+
+// Of the polls of the thread, in milliseconds.
+thread_local std::set<long> pollTimeouts;
 
 // Where closed sockets are noted; null while nobody wants to know.
 std::atomic<std::vector<void*>*> closedSockets{nullptr};
@@ -98,6 +102,7 @@ int zmq_connect(void* socket, const char* endpoint) {
   return real("zmq_connect", &zmq_connect)(socket, endpoint);
 }
 int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
+  pollTimeouts.insert(timeout);
   if (fails("zmq_poll")) return -1;
   return real("zmq_poll", &zmq_poll)(items, count, timeout);
 }
@@ -276,6 +281,15 @@ TEST(ZmqFailures, AnInterruptedWaitGoesOn) {
   other.join();
   EXPECT_TRUE(failing.used());
   EXPECT_TRUE(poll.readable(0));
+}
+
+TEST(ZmqFailures, AWaitHasNoTimeout) {
+  ZmqEvent event;
+  PollSet poll{event.pollHandle()};
+  pollTimeouts.clear();
+  const Failing failing("zmq_poll", EFAULT);
+  EXPECT_ZMQ_ERROR(poll.wait(), EFAULT);
+  EXPECT_EQ(pollTimeouts, std::set<long>{-1});
 }
 
 TEST(ZmqFailures, AWaitThatFailsThrows) {

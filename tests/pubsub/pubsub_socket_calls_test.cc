@@ -1,0 +1,113 @@
+// What the broker and the dispatcher ask of their sockets that shows at the other end only at great
+// length, or not at all. In a program of its own, since it stands in for functions of libzmq to
+// note how they are called.
+
+#include <dlfcn.h>
+#include <gtest/gtest.h>
+#include <tessel/message_dispatcher.h>
+#include <zmq.h>
+
+#include <map>
+#include <string>
+#include <vector>
+
+#include "support/broker_peers.h"
+#include "support/raw_broker.h"
+
+namespace {
+
+// How many messages a socket is to queue for each peer.
+struct Marks {
+  int sending = -1;
+  int receiving = -1;
+};
+
+// At the time when each endpoint was bound or connected: later settings would not count for it.
+thread_local std::map<std::string, Marks> marks;
+
+thread_local std::vector<int> sentOn;  // the types of the sockets, for each frame
+
+int optionOf(void* socket, int option) {
+  int value = -1;
+  size_t size = sizeof value;
+  zmq_getsockopt(socket, option, &value, &size);
+  return value;
+}
+
+void note(void* socket, const std::string& endpoint) {
+  marks[endpoint] = {optionOf(socket, ZMQ_SNDHWM), optionOf(socket, ZMQ_RCVHWM)};
+}
+
+template <typename Function>
+Function real(const char* name, Function /*standIn*/) {
+  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
+}
+
+}  // namespace
+
+extern "C" {
+
+int zmq_bind(void* socket, const char* endpoint) {
+  note(socket, endpoint);
+  return real("zmq_bind", &zmq_bind)(socket, endpoint);
+}
+int zmq_connect(void* socket, const char* endpoint) {
+  note(socket, endpoint);
+  return real("zmq_connect", &zmq_connect)(socket, endpoint);
+}
+int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
+  sentOn.push_back(optionOf(socket, ZMQ_TYPE));
+  return real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
+}
+
+}  // extern "C"
+
+namespace tessel::test {
+namespace {
+
+constexpr int kDefault = 1000;  // ZeroMQ's own
+constexpr int kReplays = 1000000;
+constexpr int kUnlimited = 0;
+
+void expectMarks(const std::string& endpoint, const Marks& expected) {
+  ASSERT_EQ(marks.count(endpoint), 1U) << endpoint;
+  EXPECT_EQ(marks[endpoint].sending, expected.sending) << endpoint;
+  EXPECT_EQ(marks[endpoint].receiving, expected.receiving) << endpoint;
+}
+
+// Without a limit where only subscriptions travel, high for replays, and otherwise the usual: a
+// subscriber that does not keep up with live values must not fill the memory, nor a publisher.
+TEST(HighWaterMarks, OfABroker) {
+  const std::string pull = uniqueInproc();
+  const std::string updates = uniqueInproc();
+  const std::string cache = uniqueInproc();
+  const MessageBrokerImpl broker({pull}, {updates}, {cache});
+  expectMarks(broker.inprocEndpoint(), {kDefault, kDefault});
+  expectMarks(pull, {kDefault, kDefault});
+  expectMarks(updates, {kDefault, kUnlimited});
+  expectMarks(cache, {kReplays, kUnlimited});
+}
+
+TEST(HighWaterMarks, OfADispatcher) {
+  const RawBroker broker;
+  marks.clear();  // those of the other end
+  const MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint);
+  expectMarks(broker.updatesEndpoint, {kUnlimited, kDefault});
+  expectMarks(broker.cacheEndpoint, {kUnlimited, kReplays});
+}
+
+TEST(BrokerSends, ToTheUpdatesSideFirst) {
+  HandServedBroker at;
+  const std::vector<int> both = {ZMQ_PUB, ZMQ_PUB, ZMQ_PUB, ZMQ_XPUB, ZMQ_XPUB, ZMQ_XPUB};
+  for (const unsigned long long options : {0, 1}) {
+    sentOn.clear();
+    at.publish("t", "g", "1", options);
+    EXPECT_EQ(sentOn, both);
+    sentOn.clear();
+    at.withdraw("t", "g", options);
+    EXPECT_EQ(sentOn, both);
+  }
+}
+
+}  // namespace
+}  // namespace tessel::test
