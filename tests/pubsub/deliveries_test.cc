@@ -194,5 +194,17 @@ TEST_F(DeliveriesTest, WorkersKnowWhomTheyServe) {
   EXPECT_FALSE(deliveries.isOnWorker());
 }
 
+TEST_F(DeliveriesTest, AreNotFinishedOnceWaitingIsCancelled) {
+  Gate gate;
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  EXPECT_TRUE(deliveries.finish(queue));
+  add(deliveries, [&] { gate.pass(); });
+  run(deliveries, queue);
+  queue.cancelWaits();
+  EXPECT_FALSE(deliveries.finish(queue));  // returns, though the callback has not
+  gate.open();
+}
+
 }  // namespace
 }  // namespace tessel::test

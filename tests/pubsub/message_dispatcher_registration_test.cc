@@ -410,5 +410,50 @@ TEST_F(DispatcherRegistration, WhileStoppedNeverBlocks) {
   EXPECT_EQ(subscriber->journal.lines(), Lines{"value 1"});  // one is left
 }
 
+// Of two that share a key one goes while the dispatcher is stopped: what is left is one
+// subscription of ZeroMQ's, whichever of them was made first.
+TEST_F(DispatcherRegistration, OfAKeyOutlivesAnotherThatGoesWhileStopped) {
+  for (const SubscriptionMode mode : {SubscriptionMode::AllValues, SubscriptionMode::NewValues}) {
+    RawPeer& socket = mode == SubscriptionMode::NewValues ? broker.updates : broker.cache;
+    for (const bool livingFirst : {true, false}) {
+      const auto living = recorder(mode, "t", "");
+      auto going = recorder(mode, "t", "");
+      dispatcher.start();
+      subscribe(socket, livingFirst ? living : going, "t:default");
+      subscribe(socket, livingFirst ? going : living, "t:default");
+      dispatcher.stop();
+      EXPECT_EQ(socket.receive(), unsubscribed("t:default"));
+      going.reset();
+      dispatcher.start();
+      EXPECT_EQ(socket.receive(), subscribed("t:default"));
+      socket.send(valueMessage("t:default", "1"));
+      EXPECT_EQ(living->journal.lines(1), Lines{"value 1"});
+      dispatcher.unregisterSubscriber(living);
+      EXPECT_EQ(socket.receive(), unsubscribed("t:default"));
+      expectNothingMoreOnTheWire();
+      dispatcher.stop(true);
+      broker.updates.receive();  // of the fence
+      broker.cache.receive();
+    }
+  }
+}
+
+// Such a pointer counts no owners, so nobody could tell when what it points to goes.
+TEST_F(DispatcherRegistration, OfAPointerWithoutAnOwnerIsSkipped) {
+  RecordingSubscriber all(SubscriptionMode::AllValues, "all", "");
+  RecordingSubscriber fresh(SubscriptionMode::NewValues, "new", "");
+  RecordingMultiSubscriber multi("multi");
+  const auto unowned = [](auto& object) {
+    return std::shared_ptr<std::remove_reference_t<decltype(object)>>(std::shared_ptr<void>(),
+                                                                      &object);
+  };
+  dispatcher.start();
+  dispatcher.registerSubscriber(unowned(all));
+  dispatcher.registerSubscriber(unowned(fresh));
+  dispatcher.registerSubscriber(unowned(multi));
+  dispatcher.unregisterSubscriber(unowned(all));
+  expectNothingMoreOnTheWire();
+}
+
 }  // namespace
 }  // namespace tessel

@@ -402,14 +402,23 @@ TEST(PublisherDefaults, CanBeSetForPublishersMadeLater) {
 }
 
 TEST(PublisherDefaults, CanBeABroker) {
-  const MessageBroker first({}, {}, {});
+  Receiver before;
+  MessageBroker first({}, {}, {});
   MessageBroker second({}, {}, {});
-  const auto observer = std::make_shared<RecordingBrokerObserver>();
-  second.attach(observer);
+  const auto firstHears = std::make_shared<RecordingBrokerObserver>();
+  const auto secondHears = std::make_shared<RecordingBrokerObserver>();
+  first.attach(firstHears);
+  second.attach(secondHears);
+  first.start();
   second.start();
+  Publisher::setDefaultBroker(std::vector<std::string>{before.endpoint});
+  Publisher::setDefaultBroker(first);
   Publisher::setDefaultBroker(second);
   publish(Publisher("t", "g"), "1");
-  EXPECT_EQ(observer->journal.lines(1), std::vector<std::string>{"publish t g 1 1 0"});
+  EXPECT_EQ(secondHears->journal.lines(1), std::vector<std::string>{"publish t g 1 1 0"});
+  publish(Publisher(first, "marker", "m"), "");
+  EXPECT_EQ(firstHears->journal.lines(1), std::vector<std::string>{"publish marker m 1 1 0"});
+  before.expectNothing();
 }
 
 TEST(PublisherDefaults, MayBeNone) {
