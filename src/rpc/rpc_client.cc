@@ -1,5 +1,6 @@
 #include "tessel/rpc_client.h"
 
+#include <algorithm>
 #include <atomic>
 #include <stdexcept>
 #include <vector>
@@ -16,12 +17,17 @@
 
 namespace tessel {
 
+// ZeroMQ takes no time below -1. The least of them all must not become a good one when it is cut to
+// the 32 bits that ZeroMQ knows.
+constexpr std::int64_t kRefused = -2;  // milliseconds
+
 class RpcClientImpl {
  public:
   RpcClientImpl(const std::string& transport, std::chrono::milliseconds timeout)
       : endpoint_(transport), receiveTimeout_(timeout.count()) {}
   RpcClientImpl(const std::shared_ptr<RpcBroker>& broker, std::chrono::milliseconds timeout)
-      : localRoad_(implOf(broker).localRoad()),
+      : broker_(broker),
+        localRoad_(implOf(broker).localRoad()),
         endpoint_(implOf(broker).clientEndpoint()),
         receiveTimeout_(timeout.count()) {}
 
@@ -32,7 +38,7 @@ class RpcClientImpl {
   bool callLocally(const std::string& service, const std::string& instance,
                    const std::string& method, const void* data, std::size_t size,
                    std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize) const {
-    if (localRoad_ == nullptr) return false;
+    if (broker_.expired()) return false;
     std::shared_ptr<ObserverData> observerData;
     const std::shared_ptr<Service> target = localRoad_->find(service, instance, observerData);
     if (target == nullptr) return false;
@@ -45,7 +51,7 @@ class RpcClientImpl {
   void callRemotely(MessageRequest& request, std::unique_ptr<std::uint8_t[]>& out,
                     std::size_t& outSize) const {
     ZmqSocket& socket = ThreadSockets::ofThisThread().clients.socketFor(endpoint_);
-    socket.setReceiveTimeout(receiveTimeout_);
+    socket.setReceiveTimeout(std::max<std::int64_t>(receiveTimeout_, kRefused));
     request.send(socket);
     MessageReply reply;
     if (!reply.receive(socket)) {
@@ -88,7 +94,8 @@ class RpcClientImpl {
     }
   }
 
-  const std::shared_ptr<LocalRoad> localRoad_;  // null when made on an endpoint
+  const std::weak_ptr<RpcBroker> broker_;       // of none when made on an endpoint
+  const std::shared_ptr<LocalRoad> localRoad_;  // null then
   const std::string endpoint_;
   std::atomic<std::int64_t> receiveTimeout_;  // milliseconds
 };

@@ -364,5 +364,20 @@ TEST_F(RpcClientLocal, TheServicesOfABrokerThatHasGoneAreNotCalled) {
   EXPECT_EQ(call(), "timeout RPC timeout");
 }
 
+// It goes by the pointer that it was given, and that one owns nothing any more, or never did.
+TEST_F(RpcClientLocal, ABrokerThatItsPointerNoLongerOwnsIsReachedOverTheSocket) {
+  offer(answering("s", "i", "ok"));
+  std::shared_ptr<RpcBroker> borrowed(broker.get(), [](RpcBroker*) {});
+  RpcClient client(borrowed, kPatience);
+  EXPECT_EQ(outcomeOf(client, "s", "i"), "result ok");
+  borrowed.reset();
+  RpcClient ownerless(std::shared_ptr<RpcBroker>(std::shared_ptr<void>(), broker.get()), kPatience);
+  for (RpcClient* each : {&client, &ownerless}) {
+    auto served = std::async(std::launch::async, [&] { dispatcher->runOne(); });
+    EXPECT_EQ(outcomeOf(*each, "s", "i"), "result ok");
+    served.get();
+  }
+}
+
 }  // namespace
 }  // namespace tessel::test

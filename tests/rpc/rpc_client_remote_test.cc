@@ -312,7 +312,10 @@ TEST_F(RpcClientRemote, TimesBeyond32BitsWaitForEver) {
 
 TEST_F(RpcClientRemote, OtherNegativeTimesAreRefusedByTheCallAndNothingIsSent) {
   const std::string refused = std::string("runtime ") + zmq_strerror(EINVAL);
-  for (const std::int64_t timeout : {-2, -1000, std::numeric_limits<std::int32_t>::min()}) {
+  const auto least = std::numeric_limits<std::int64_t>::min();
+  const std::int64_t wholeWord = std::int64_t{1} << 32;
+  for (const std::int64_t timeout : {std::int64_t{-2}, std::int64_t{-1000}, -wholeWord / 2,
+                                     -wholeWord - 1, -wholeWord, 1000 - wholeWord, least}) {
     client.setReceiveTimeout(milliseconds(timeout));
     EXPECT_EQ(outcomeOf(client, "refused", "i"), refused) << timeout;
   }
