@@ -24,7 +24,16 @@ class SocketBudget {
  public:
   SocketBudget() {
     raiseFileLimit();
-    while (void* socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR)) taken_.push_back(socket);
+    // Those of before that are still being closed become free a moment later.
+    auto last = std::chrono::steady_clock::now();
+    while (std::chrono::steady_clock::now() - last < kQuiet) {
+      if (void* socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR)) {
+        taken_.push_back(socket);
+        last = std::chrono::steady_clock::now();
+      } else {
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+      }
+    }
   }
   ~SocketBudget() {
     for (void* socket : taken_) zmq_close(socket);
@@ -33,6 +42,8 @@ class SocketBudget {
   SocketBudget& operator=(const SocketBudget&) = delete;
 
  private:
+  static constexpr std::chrono::milliseconds kQuiet{100};
+
   // Every socket takes a file descriptor; their limit must not come first.
   static void raiseFileLimit() {
     rlimit limit{};
