@@ -8,30 +8,25 @@
 namespace tessel {
 namespace {
 
-template <typename Pointer>
-Pointer&& notNull(Pointer&& pointer, const char* text) {
-  if (pointer == nullptr) throw std::invalid_argument(text);
-  return std::forward<Pointer>(pointer);
+const std::shared_ptr<Service>& notNull(const std::shared_ptr<Service>& service) {
+  if (service == nullptr) throw std::invalid_argument("Service must not be null!");
+  return service;
 }
-
-const char* const kNullService = "Service must not be null!";
 
 }  // namespace
 
 RpcBroker::RpcBroker(bool master, const std::vector<std::string>& transports,
                      std::shared_ptr<RpcDispatcher> dispatcher)
-    : impl_(std::make_unique<RpcBrokerImpl>(
-          master, transports, notNull(std::move(dispatcher), "RPC dispatcher must not be null!"))) {
-}
+    : impl_(std::make_unique<RpcBrokerImpl>(master, transports, std::move(dispatcher))) {}
 
 RpcBroker::~RpcBroker() = default;
 
 void RpcBroker::registerService(const std::shared_ptr<Service>& service) {
-  impl_->registerService(notNull(service, kNullService));
+  impl_->registerService(notNull(service));
 }
 
 void RpcBroker::unregisterService(const std::shared_ptr<Service>& service) {
-  impl_->unregisterService(notNull(service, kNullService));
+  impl_->unregisterService(notNull(service));
 }
 
 void RpcBroker::attach(const std::shared_ptr<RpcBrokerObserver>& observer) {

@@ -28,6 +28,11 @@ const std::string& onlyTransport(const std::vector<std::string>& transports) {
   return transports.front();
 }
 
+std::shared_ptr<RpcDispatcher> notNull(std::shared_ptr<RpcDispatcher> dispatcher) {
+  if (dispatcher == nullptr) throw std::invalid_argument("RPC dispatcher must not be null!");
+  return dispatcher;
+}
+
 [[noreturn]] void throwDeadlock() {
   throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
 }
@@ -72,7 +77,7 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
       poll_(master
                 ? PollSet{stopEvent_.pollHandle(), mainSocket_.handle()}
                 : PollSet{stopEvent_.pollHandle(), mainSocket_.handle(), internalSocket_.handle()}),
-      dispatcher_(std::move(dispatcher)),
+      dispatcher_(notNull(std::move(dispatcher))),
       observers_(std::make_shared<ObserverData>()),
       localRoad_(std::make_shared<LocalRoad>(*this)) {
   if (master_) {
@@ -93,6 +98,7 @@ RpcBrokerImpl::~RpcBrokerImpl() {
 }
 
 void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
+  ObserverSnapshot told;  // released after the lock: their destructors may call the broker
   const Lock lock(registryMutex_);
   const ServiceKey key(service->getServiceName(), service->getInstanceName());
   const auto entry = services_.emplace(key, service);
@@ -103,18 +109,22 @@ void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
     services_.erase(entry.first);
     throw;
   }
-  observers_->notify([&](RpcBrokerObserver& observer) {
+  const auto tell = [&](RpcBrokerObserver& observer) {
     observer.onServiceRegistered(key.first, key.second, true, {});
-  });
+  };
+  observers_->notify(tell, told);
 }
 
 void RpcBrokerImpl::unregisterService(const std::shared_ptr<Service>& service) {
   const ServiceKey key(service->getServiceName(), service->getInstanceName());
-  Services::node_type released;  // after the lock: its destructor may call the broker
+  // Both after the lock: their destructors may call the broker.
+  Services::node_type released;
+  ObserverSnapshot told;
   const Lock lock(registryMutex_);
-  observers_->notify([&](RpcBrokerObserver& observer) {
+  const auto tell = [&](RpcBrokerObserver& observer) {
     observer.onServiceUnregistered(key.first, key.second, true, {});
-  });
+  };
+  observers_->notify(tell, told);
   announceFromThisThread(*service, Announce::kWithdraw);
   released = services_.extract(key);
 }
@@ -225,6 +235,7 @@ void RpcBrokerImpl::run(const ServiceKeys& announced) {
   if (!master_) announce(announced, Announce::kOffer);
   while (serveOnce()) {
   }
+  closeRegistry();  // unless stop() has
   if (!master_) leave();
   threadId_ = std::thread::id();
 }
@@ -232,7 +243,6 @@ void RpcBrokerImpl::run(const ServiceKeys& announced) {
 // What other threads have registered goes first, so that nothing of it comes after its withdrawal
 // or is still there at the next start.
 void RpcBrokerImpl::leave() {
-  closeRegistry();  // unless stop() has
   while (serveInternal()) {
   }
   ServiceKeys withdrawn;

@@ -56,9 +56,17 @@ class ObserverList {
   void notify(const Call& call) TESSEL_EXCLUDES(mutex_) {
     // Released after the lock: the last owner's release runs a destructor, which may detach.
     std::vector<std::shared_ptr<Observer>> called;
+    notify(call, called);
+  }
+
+  /// The same for a caller that holds locks of its own: they are to be released before `called`,
+  /// which keeps the observers.
+  template <typename Call>
+  void notify(const Call& call, std::vector<std::shared_ptr<Observer>>& called)
+      TESSEL_EXCLUDES(mutex_) {
     const Lock lock(mutex_);
     removeExpired();
-    called.reserve(observers_.size());
+    called.reserve(called.size() + observers_.size());
     for (const std::weak_ptr<Observer>& entry : observers_) {
       std::shared_ptr<Observer> alive = entry.lock();
       if (alive == nullptr) continue;

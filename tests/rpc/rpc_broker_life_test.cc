@@ -116,6 +116,134 @@ TEST(RpcBrokerLife, AServiceReleasedByUnregisterMayUseTheBrokerInItsDestructor) 
   }
 }
 
+// An observer whose end needs the broker: it hangs if a lock is held while it is destroyed.
+class ObserverBusyToTheEnd : public QuietObserver {
+ public:
+  ObserverBusyToTheEnd(RpcBroker& broker, std::atomic<int>& destroyed)
+      : broker_(broker), count_(destroyed) {}
+  ~ObserverBusyToTheEnd() override {
+    const auto other = makeEcho("other", std::to_string(count_));
+    broker_.registerService(other);
+    broker_.unregisterService(other);
+    broker_.stop();
+    broker_.start();
+    ++count_;
+  }
+
+ private:
+  RpcBroker& broker_;
+  std::atomic<int>& count_;
+};
+
+// Lets the last owner of another one go while both are told.
+class ReleasingObserver : public QuietObserver {
+ public:
+  void onServiceRegistered(const std::string&, const std::string&, bool, const Identity&) override {
+    released.reset();
+  }
+  void onServiceUnregistered(const std::string&, const std::string&, bool,
+                             const Identity&) override {
+    released.reset();
+  }
+  std::shared_ptr<RpcBrokerObserver> released;
+};
+
+TEST(RpcBrokerLife, AnObserverReleasedWhileItIsToldMayUseTheBrokerInItsDestructor) {
+  const Watchdog watchdog("releasing a busy observer");
+  for (const bool master : {true, false}) {
+    const RawMaster raw;
+    const auto broker = master ? makeMaster({}) : makeSlave(raw.endpoint);
+    const auto service = makeEcho("s", "i");
+    const auto releasing = std::make_shared<ReleasingObserver>();
+    std::atomic<int> destroyed{0};
+    const auto attachBusy = [&] {
+      releasing->released = std::make_shared<ObserverBusyToTheEnd>(*broker, destroyed);
+      broker->attach(releasing->released);
+      broker->detach(releasing);  // so that it comes behind
+      broker->attach(releasing);
+    };
+    attachBusy();
+    broker->registerService(service);
+    EXPECT_EQ(destroyed, 1);
+    attachBusy();
+    broker->unregisterService(service);
+    EXPECT_EQ(destroyed, 2);
+  }
+}
+
+// Stops the broker with the first request that it gets.
+class StoppingDispatcher : public KeepingDispatcher {
+ public:
+  void submit(std::shared_ptr<RpcRequest> request) override {
+    const bool first = size() == 0;
+    KeepingDispatcher::submit(std::move(request));
+    if (!first) return;
+    try {
+      broker->stop();
+    } catch (const std::system_error& error) {
+      if (isDeadlockError(error)) ++refusals;
+    }
+  }
+  RpcBroker* broker = nullptr;  // set before it starts
+  std::atomic<int> refusals{0};
+};
+
+TEST(RpcBrokerLife, NothingThatWaitsIsServedOnceItStops) {
+  const Watchdog watchdog("stop with a request waiting");
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<StoppingDispatcher>();
+  RpcBroker broker(true, {endpoint}, dispatcher);
+  dispatcher->broker = &broker;
+  broker.registerService(makeEcho("s", "i"));
+  RawPeer client(ZMQ_DEALER);
+  client.connect(endpoint);
+  client.send(request("s", "i", "m", "1"));
+  client.send(request("s", "i", "m", "2"));
+  broker.start();
+  ASSERT_TRUE(eventually([&] { return dispatcher->refusals == 1; }));
+  broker.stop();
+  EXPECT_EQ(dispatcher->size(), 1U);
+  broker.start();
+  EXPECT_TRUE(eventually([&] { return dispatcher->size() == 2; }));
+}
+
+// Runs at its stop what it was given.
+class LateDispatcher : public KeepingDispatcher {
+ public:
+  void stop() override {
+    for (const auto& request : take()) request->execute();
+    KeepingDispatcher::stop();
+  }
+};
+
+class ReplyCounter : public QuietObserver {
+ public:
+  void onReply(const std::string&, const std::string&, const std::string&, int, const void*,
+               std::size_t) override {
+    ++replies;
+  }
+  std::atomic<int> replies{0};
+};
+
+TEST(RpcBrokerLife, WhatADispatcherRunsAtItsStopFindsItsServiceAndItsObservers) {
+  const Watchdog watchdog("requests run by the stop");
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<LateDispatcher>();
+  RpcBroker broker(true, {endpoint}, dispatcher);
+  const auto observer = std::make_shared<ReplyCounter>();
+  broker.registerService(makeEcho("s", "i"));
+  broker.attach(observer);
+  broker.start();
+  RawPeer client(ZMQ_DEALER);
+  client.connect(endpoint);
+  client.send(request("s", "i", "m", "late"));
+  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
+  broker.stop(true, true);
+  EXPECT_EQ(observer->replies, 1);
+  broker.start();
+  EXPECT_EQ(client.receive(), result("s/i/m/late"));
+}
+
 // Calls stop() on the broker's thread when somebody asks for a service that nobody has.
 class StoppingObserver : public QuietObserver {
  public:
@@ -170,6 +298,10 @@ TEST(RpcBrokerLife, StopOnTheBrokersOwnThreadEndsItsLoopAndIsCompletedFromOutsid
         EXPECT_TRUE(router.readTo(false, "s", "i"));         // and takes its leave by itself
       }
       ASSERT_TRUE(eventually([&] { return threadCount() == threads - 1; }));
+      if (master) {  // serves no call of the process either
+        RpcClient hasty(broker, milliseconds(0));
+        EXPECT_EQ(outcome(hasty, "s", "i"), "timeout");
+      }
       EXPECT_EQ(observer->refusals, round);
       EXPECT_EQ(dispatcher->stops, round - 1);
       broker->stop();

@@ -38,8 +38,9 @@ TEST(RpcBrokerMaster, SlavesAndFailedConstructionsTakeANumberToo) {
   const RpcBrokerImpl slave(false, {uniqueInproc()}, anyDispatcher());
   EXPECT_THROW(RpcBrokerImpl(false, {}, anyDispatcher()), std::logic_error);
   EXPECT_THROW(RpcBrokerImpl(true, {"nonsense"}, anyDispatcher()), std::runtime_error);
+  EXPECT_THROW(RpcBroker(true, {}, nullptr), std::invalid_argument);
   const RpcBrokerImpl master(true, {}, anyDispatcher());
-  EXPECT_EQ(master.clientEndpoint(), "inproc://rpc_reply_in_" + std::to_string(number + 4));
+  EXPECT_EQ(master.clientEndpoint(), "inproc://rpc_reply_in_" + std::to_string(number + 5));
 }
 
 TEST(RpcBrokerMaster, BindsEveryTransportAndTheEndpointForThisProcess) {
@@ -388,6 +389,19 @@ TEST(RpcBrokerMaster, AReplyForNobodyIsDropped) {
   at.serve(slave, enveloped({}, replyFrames(0, "result")));
   at.expectNothingSentTo(at.client);
   at.expectNothingSentTo(slave);
+}
+
+// Clients that do not read must not cost the broker memory without end.
+TEST(RpcBrokerMaster, RepliesBeyondTheHighWaterMarksAreDropped) {
+  HandServedMaster at;
+  RawPeer sleeper(ZMQ_DEALER);
+  sleeper.connect(at.endpoint);
+  for (int i = 0; i < 3000; ++i) at.serve(sleeper, ask("none", std::to_string(i)));
+  const int sent = 2000;  // a thousand on each side
+  for (int i = 0; i < sent; ++i) {
+    ASSERT_EQ(sleeper.receive(), answer(2, "service not found: none - " + std::to_string(i)));
+  }
+  at.expectNothingSentTo(sleeper);
 }
 
 TEST(RpcBrokerMaster, ACallMayComeFromASlave) {

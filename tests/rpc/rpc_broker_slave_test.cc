@@ -155,6 +155,21 @@ TEST_F(RpcBrokerSlave, WithdrawsAlsoAServiceThatWasNeverRegistered) {
   EXPECT_EQ(next(), withdrawal("s", "i"));
 }
 
+TEST_F(RpcBrokerSlave, AnnouncesBeforeItsObserversHearAndTakesBackAfterwards) {
+  slave->start();
+  const auto thrower = std::make_shared<RecordingRpcObserver>(
+      [](const std::string&) { throw std::domain_error("observer"); });
+  slave->attach(thrower);
+  const auto service = answering("s", "i", "");
+  EXPECT_EQ(textOf<std::domain_error>([&] { slave->registerService(service); }), "observer");
+  EXPECT_EQ(next(), offer("s", "i"));
+  EXPECT_EQ(textOf<std::domain_error>([&] { slave->unregisterService(service); }), "observer");
+  slave->detach(thrower);
+  expectNothingSent();
+  EXPECT_EQ(textOf<std::logic_error>([&] { slave->registerService(service); }),
+            "service already registered");
+}
+
 TEST_F(RpcBrokerSlave, WhatCannotBeAnnouncedIsNotRegistered) {
   slave->start();
   const auto service = answering("s", "i", "ok");
