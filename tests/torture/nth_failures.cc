@@ -525,7 +525,7 @@ std::optional<Fault> faultForNewSite(std::map<const SharedCounts::Site*, std::si
     if (site.address == nullptr) break;
     if (site.failed) continue;
     require(tries[&site] < kTries, "a call of ZeroMQ cannot be made to fail");
-    const std::vector<int>& errors = kErrors[site.kind].second;
+    const std::vector<int>& errors = kErrors[static_cast<std::size_t>(site.kind)].second;
     return Fault{site.kind, errors[tries[&site]++ % errors.size()], site.call};
   }
   return std::nullopt;
