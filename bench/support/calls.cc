@@ -45,16 +45,20 @@ void TesselCaller::call(const void* data, std::size_t size) {
   client_.CallMethod(kService, kInstance, kMethod, data, size, answer_, size_);
 }
 
+TesselCalls::TesselCalls(const std::string& endpoint) : client_(endpoint, kPatience) {}
+
+TesselCalls::TesselCalls(const std::shared_ptr<RpcBroker>& broker) : client_(broker, kPatience) {}
+
 TesselMaster::TesselMaster(const std::string& endpoint)
-    : master_(true, {endpoint}, newWorkers()), client_(endpoint, kPatience) {
+    : TesselCalls(endpoint), master_(true, {endpoint}, newWorkers()) {
   master_.registerService(std::make_shared<Echo>());
   master_.start();
 }
 
 TesselSlave::TesselSlave(const std::string& endpoint)
-    : master_(true, {endpoint}, newWorkers()),
-      slave_(false, {endpoint}, newWorkers()),
-      client_(endpoint, kPatience) {
+    : TesselCalls(endpoint),
+      master_(true, {endpoint}, newWorkers()),
+      slave_(false, {endpoint}, newWorkers()) {
   slave_.registerService(std::make_shared<Echo>());
   slave_.start();
   master_.start();
@@ -62,9 +66,11 @@ TesselSlave::TesselSlave(const std::string& endpoint)
 }
 
 TesselLocal::TesselLocal(Transport transport)
-    : broker_(std::make_shared<RpcBroker>(true, std::vector<std::string>{newEndpoint(transport)},
-                                          newWorkers())),
-      client_(broker_, kPatience) {
+    : TesselLocal(std::make_shared<RpcBroker>(
+          true, std::vector<std::string>{newEndpoint(transport)}, newWorkers())) {}
+
+TesselLocal::TesselLocal(const std::shared_ptr<RpcBroker>& broker)
+    : TesselCalls(broker), broker_(broker) {
   broker_->registerService(std::make_shared<Echo>());
   broker_->start();
 }

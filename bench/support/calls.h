@@ -31,31 +31,35 @@ class TesselCaller {
   std::size_t size_ = 0;
 };
 
-/// The service is the master's own.
-class TesselMaster {
+/// What the roads of the library have in common.
+class TesselCalls {
  public:
   static constexpr const char* kName = "tessel";
   struct Client : TesselCaller {
-    explicit Client(TesselMaster& road) : TesselCaller(road.client_) {}
+    explicit Client(TesselCalls& road) : TesselCaller(road.client_) {}
   };
 
+ protected:
+  explicit TesselCalls(const std::string& endpoint);
+  explicit TesselCalls(const std::shared_ptr<RpcBroker>& broker);
+
+  RpcClient client_;
+};
+
+/// The service is the master's own.
+class TesselMaster : public TesselCalls {
+ public:
   explicit TesselMaster(Transport transport) : TesselMaster(newEndpoint(transport)) {}
 
  private:
   explicit TesselMaster(const std::string& endpoint);
 
   RpcBroker master_;
-  RpcClient client_;
 };
 
 /// The service is a slave's.
-class TesselSlave {
+class TesselSlave : public TesselCalls {
  public:
-  static constexpr const char* kName = "tessel";
-  struct Client : TesselCaller {
-    explicit Client(TesselSlave& road) : TesselCaller(road.client_) {}
-  };
-
   explicit TesselSlave(Transport transport) : TesselSlave(newEndpoint(transport)) {}
 
  private:
@@ -63,22 +67,17 @@ class TesselSlave {
 
   RpcBroker master_;
   RpcBroker slave_;
-  RpcClient client_;
 };
 
 /// The client is made on the broker that has the service, and needs no socket.
-class TesselLocal {
+class TesselLocal : public TesselCalls {
  public:
-  static constexpr const char* kName = "tessel";
-  struct Client : TesselCaller {
-    explicit Client(TesselLocal& road) : TesselCaller(road.client_) {}
-  };
-
   explicit TesselLocal(Transport transport);
 
  private:
+  explicit TesselLocal(const std::shared_ptr<RpcBroker>& broker);
+
   const std::shared_ptr<RpcBroker> broker_;
-  RpcClient client_;
 };
 
 /// What the twins have in common. Their threads end with the context.
