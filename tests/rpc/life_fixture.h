@@ -4,25 +4,24 @@
 #include <tessel/rpc_broker.h>
 #include <tessel/rpc_client.h>
 #include <tessel/rpc_dispatcher.h>
-#include <tessel/rpc_error.h>
 #include <tessel/service.h>
 
-#include <algorithm>
 #include <atomic>
 #include <chrono>
-#include <cstring>
 #include <functional>
 #include <memory>
-#include <mutex>
 #include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
+#include "support/call_outcome.h"
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
 #include "support/resources.h"
+#include "support/rpc_peers.h"
+#include "support/sleeping_thread.h"
 #include "support/threads.h"
 #include "support/watchdog.h"
 
@@ -33,26 +32,14 @@ using std::chrono::milliseconds;
 constexpr milliseconds kLong{20000};
 
 /// A service as a function of method and data.
-class FunctionService : public Service {
- public:
-  using Function = std::function<std::string(const std::string& method, const std::string& data)>;
-  FunctionService(const std::string& service, const std::string& instance, Function function)
-      : Service(service, instance), function_(std::move(function)) {}
-  void callMethod(const std::string& method, const void* data, std::size_t size,
-                  std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize) override {
-    const std::string result = function_(method, std::string(static_cast<const char*>(data), size));
-    out = std::make_unique<std::uint8_t[]>(result.size());
-    outSize = result.size();
-    if (!result.empty()) std::memcpy(out.get(), result.data(), result.size());
-  }
-
- private:
-  const Function function_;
-};
+using TextFunction = std::function<std::string(const std::string& method, const std::string& data)>;
 
 inline std::shared_ptr<Service> makeService(const std::string& service, const std::string& instance,
-                                            FunctionService::Function function) {
-  return std::make_shared<FunctionService>(service, instance, std::move(function));
+                                            const TextFunction& function) {
+  return makeService(
+      service, instance,
+      [function](const std::string& method, const void* data, std::size_t size, Buffer& out,
+                 std::size_t& outSize) { give(function(method, text(data, size)), out, outSize); });
 }
 
 /// What an echo service answers: nothing that another call could be answered with.
@@ -69,27 +56,19 @@ inline std::shared_ptr<Service> makeEcho(const std::string& service, const std::
 
 inline std::string call(RpcClient& client, const std::string& service, const std::string& instance,
                         const std::string& method = "m", const std::string& data = "") {
-  std::unique_ptr<std::uint8_t[]> out;
+  Buffer out;
   std::size_t size = 0;
   client.CallMethod(service, instance, method, data.data(), data.size(), out, size);
-  return std::string(reinterpret_cast<const char*>(out.get()), size);
+  return text(out, size);
 }
 
 /// The result, or what went wrong as "timeout", "broker: text", "service: text".
 inline std::string outcome(RpcClient& client, const std::string& service,
                            const std::string& instance, const std::string& method = "m",
                            const std::string& data = "") {
-  try {
-    return call(client, service, instance, method, data);
-  } catch (const rpc_timeout&) {
-    return "timeout";
-  } catch (const rpc_broker_error& error) {
-    return std::string("broker: ") + error.what();
-  } catch (const rpc_service_error& error) {
-    return std::string("service: ") + error.what();
-  } catch (const std::exception& error) {
-    return std::string("error: ") + error.what();
-  }
+  const Ending ending = endingOf([&] { return call(client, service, instance, method, data); });
+  if (ending.kind == "result") return ending.text;
+  return ending.kind == "timeout" ? ending.kind : ending.kind + ": " + ending.text;
 }
 
 inline std::string notFound(const std::string& service, const std::string& instance) {
@@ -113,15 +92,7 @@ class NoSocketsLeft {
  public:
   explicit NoSocketsLeft(int slack = 8) : slack_(slack) {
     makeMaster({})->start();  // the context and its threads are there from now on
-    int last = 0;
-    int steady = 0;
-    eventually([&] {
-      const int now = openDescriptors();
-      steady = now == last ? steady + 1 : 0;
-      last = now;
-      return steady > 50;
-    });
-    before_ = last;
+    before_ = settledDescriptors();
   }
   ~NoSocketsLeft() {
     EXPECT_TRUE(eventually([&] { return openDescriptors() <= before_ + slack_; }))
@@ -135,59 +106,17 @@ class NoSocketsLeft {
   int before_ = 0;
 };
 
-/// Runs nothing by itself: counts its starts and stops and keeps the requests for the test.
-class KeepingDispatcher : public RpcDispatcher {
- public:
-  void start() override { ++starts; }
-  void stop() override { ++stops; }
-  void submit(std::shared_ptr<RpcRequest> request) override {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    requests_.push_back(std::move(request));
-  }
-  std::size_t size() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return requests_.size();
-  }
-  std::vector<std::shared_ptr<RpcRequest>> take() {
-    const std::lock_guard<std::mutex> lock(mutex_);
-    return std::move(requests_);
-  }
-
-  std::atomic<int> starts{0};
-  std::atomic<int> stops{0};
-
- private:
-  std::mutex mutex_;
-  std::vector<std::shared_ptr<RpcRequest>> requests_;
-};
-
-/// Hears of everything and does nothing; override what a test needs.
-class QuietObserver : public RpcBrokerObserver {
- public:
-  using Identity = std::vector<std::uint8_t>;
-  void onServiceRegistered(const std::string&, const std::string&, bool, const Identity&) override {
-  }
-  void onServiceUnregistered(const std::string&, const std::string&, bool,
-                             const Identity&) override {}
-  void onRequest(const std::string&, const std::string&, const std::string&, const void*,
-                 std::size_t) override {}
-  void onReply(const std::string&, const std::string&, const std::string&, int, const void*,
-               std::size_t) override {}
-};
-
 /// A call and a registration as they stand on the wire, from a DEALER.
 inline Frames request(const std::string& service, const std::string& instance,
                       const std::string& method = "m", const std::string& data = "") {
-  return {"", "RS02", bytes("\0", 1), bytes("\0", 1), service, instance, method, data};
+  return enveloped({}, requestFrames(service, instance, method, data));
 }
 inline Frames registration(bool offered, const std::string& service, const std::string& instance) {
-  return {"", "RS02", "\x02", offered ? "\x01" : bytes("\0", 1), service, instance};
+  return enveloped({}, registrationFrames(offered, service, instance));
 }
 
 /// The answer of a service as it arrives at a DEALER.
-inline Frames result(const std::string& data) {
-  return {"", "RS02", "\x01", bytes("\0", 1), bytes("\0", 1), data};
-}
+inline Frames result(const std::string& data) { return enveloped({}, replyFrames(0, data)); }
 
 /// A master as a bare ROUTER: what slaves announce, as it stands on the wire. It reads
 /// registrations only; one thread at a time.

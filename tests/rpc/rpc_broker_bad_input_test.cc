@@ -17,8 +17,6 @@ using testing::IsEmpty;
 
 const char* const kUnexpected = "this should not happen";
 
-std::shared_ptr<RpcDispatcher> anyDispatcher() { return std::make_shared<KeepingDispatcher>(); }
-
 std::string byte(int value) { return std::string(1, static_cast<char>(value)); }
 
 // Messages that end in their header, or whose header is wrong; without their envelope.

@@ -24,87 +24,72 @@ void executeOnThreads(const Requests& requests, std::size_t threadCount,
   for (std::thread& thread : threads) thread.join();
 }
 
+// A master with requests to its service, which nobody has run yet.
+struct MasterWithRequests {
+  explicit MasterWithRequests(std::size_t count) {
+    broker->registerService(service);
+    broker->start();
+    client.connect(endpoint);
+    for (std::size_t i = 0; i < count; ++i) client.send(request("s", "i"));
+    EXPECT_TRUE(eventually([&] { return dispatcher->size() == count; }));
+    requests = dispatcher->takeAll();
+  }
+
+  std::atomic<std::size_t> ran{0};
+  const std::shared_ptr<Service> service =
+      makeService("s", "i", [this](const auto&, const std::string& data) {
+        ++ran;
+        return data;
+      });
+  const std::string endpoint = uniqueInproc();
+  const std::shared_ptr<KeepingDispatcher> dispatcher = std::make_shared<KeepingDispatcher>();
+  std::unique_ptr<RpcBroker> broker =
+      std::make_unique<RpcBroker>(true, std::vector<std::string>{endpoint}, dispatcher);
+  RawPeer client{ZMQ_DEALER};
+  Requests requests;
+};
+
 TEST(RpcBrokerEnds, KeptRequestsRunAfterTheMasterIsGoneAndLeaveNoSockets) {
   const Watchdog watchdog("requests of a master that is gone");
   const NoSocketsLeft check;
   for (int round = 0; round < 10; ++round) {
-    const std::string endpoint = uniqueInproc();
-    const auto dispatcher = std::make_shared<KeepingDispatcher>();
-    std::atomic<int> ran{0};
-    const auto service = makeService("s", "i", [&](const auto&, const std::string& data) {
-      ++ran;
-      return data;
-    });
-    RawPeer client(ZMQ_DEALER);
-    client.connect(endpoint);
-    auto broker = std::make_unique<RpcBroker>(true, std::vector<std::string>{endpoint}, dispatcher);
-    broker->registerService(service);
-    broker->start();
-    for (int i = 0; i < 160; ++i) client.send(request("s", "i"));
-    ASSERT_TRUE(eventually([&] { return dispatcher->size() == 160; }));
-    Requests requests = dispatcher->take();
+    MasterWithRequests master(160);
+    ASSERT_EQ(master.requests.size(), 160U);
     // A thread that has answered before, and others that begin afterwards.
-    requests.front()->execute();
-    EXPECT_EQ(client.receive().size(), 6U);
-    requests.erase(requests.begin());
-    broker.reset();
-    requests.front()->execute();
-    requests.erase(requests.begin());
-    executeOnThreads(requests, 16);
-    EXPECT_EQ(ran, 160);
+    master.requests.front()->execute();
+    EXPECT_EQ(master.client.receive().size(), 6U);
+    master.broker.reset();
+    master.requests[1]->execute();
+    master.requests.erase(master.requests.begin(), master.requests.begin() + 2);
+    executeOnThreads(master.requests, 16);
+    EXPECT_EQ(master.ran, 160U);
   }
 }
 
 TEST(RpcBrokerEnds, AKeptRequestRunsAfterTheMasterIsGoneAlsoWhenNoSocketIsLeft) {
   const Watchdog watchdog("a request without sockets");
-  const std::string endpoint = uniqueInproc();
-  const auto dispatcher = std::make_shared<KeepingDispatcher>();
-  std::atomic<int> ran{0};
-  const auto service = makeService("s", "i", [&](const auto&, const std::string& data) {
-    ++ran;
-    return data;
-  });
-  auto broker = std::make_unique<RpcBroker>(true, std::vector<std::string>{endpoint}, dispatcher);
-  broker->registerService(service);
-  broker->start();
-  RawPeer client(ZMQ_DEALER);
-  client.connect(endpoint);
-  for (int i = 0; i < 2; ++i) client.send(request("s", "i"));
-  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 2; }));
-  const Requests requests = dispatcher->take();
-  requests[0]->execute();  // this thread has its socket for replies
-  broker.reset();
+  MasterWithRequests master(2);
+  ASSERT_EQ(master.requests.size(), 2U);
+  master.requests[0]->execute();  // this thread has its socket for replies
+  master.broker.reset();
   const SocketBudget everySocket;
-  EXPECT_NO_THROW(requests[1]->execute());
-  EXPECT_EQ(ran, 2);
+  EXPECT_NO_THROW(master.requests[1]->execute());
+  EXPECT_EQ(master.ran, 2U);
 }
 
 TEST(RpcBrokerEnds, KeptRequestsRunWhileTheMasterIsDestroyedAndLeaveNoSockets) {
   const Watchdog watchdog("requests of a master that goes");
   const NoSocketsLeft check;
   for (int round = 0; round < 100; ++round) {
-    const std::string endpoint = uniqueInproc();
-    const auto dispatcher = std::make_shared<KeepingDispatcher>();
-    std::atomic<int> ran{0};
-    const auto service = makeService("s", "i", [&](const auto&, const std::string& data) {
-      ++ran;
-      return data;
-    });
-    RawPeer client(ZMQ_DEALER);
-    client.connect(endpoint);
-    auto broker = std::make_unique<RpcBroker>(true, std::vector<std::string>{endpoint}, dispatcher);
-    broker->registerService(service);
-    broker->start();
-    for (int i = 0; i < 64; ++i) client.send(request("s", "i"));
-    ASSERT_TRUE(eventually([&] { return dispatcher->size() == 64; }));
-    const Requests requests = dispatcher->take();
+    MasterWithRequests master(64);
+    ASSERT_EQ(master.requests.size(), 64U);
     std::thread ender([&] {
-      eventually([&] { return ran > 0; });
-      broker.reset();
+      eventually([&] { return master.ran > 0; });
+      master.broker.reset();
     });
-    executeOnThreads(requests, 8);
+    executeOnThreads(master.requests, 8);
     ender.join();
-    EXPECT_EQ(ran, 64);
+    EXPECT_EQ(master.ran, 64U);
   }
 }
 
@@ -121,7 +106,7 @@ TEST(RpcBrokerEnds, KeptRequestsOfASlaveThatIsGoneAreAnsweredThroughTheMaster) {
   slave->start();
   RpcClient probe(endpoint, milliseconds(100));
   EXPECT_TRUE(eventually([&] { return outcome(probe, "released", "i") == "timeout"; }));
-  dispatcher->take().clear();
+  dispatcher->takeAll().clear();
   std::vector<std::thread> callers;
   std::atomic<int> right{0};
   for (int i = 0; i < 8; ++i) {
@@ -136,7 +121,7 @@ TEST(RpcBrokerEnds, KeptRequestsOfASlaveThatIsGoneAreAnsweredThroughTheMaster) {
   Requests requests;
   int asked = 0;
   ASSERT_TRUE(eventually([&] {
-    for (auto& one : dispatcher->take()) {
+    for (auto& one : dispatcher->takeAll()) {
       requests.push_back(std::move(one));
       ++asked;
     }
@@ -169,7 +154,7 @@ TEST(RpcBrokerEnds, KeptRequestsOfASlaveRunAfterItsMasterIsGoneToo) {
     ASSERT_TRUE(eventually([&] { return dispatcher->size() == 320; }));
     slave.reset();
     raw.reset();
-    executeOnThreads(dispatcher->take(), 32);
+    executeOnThreads(dispatcher->takeAll(), 32);
     EXPECT_EQ(ran, 320);
   }
 }

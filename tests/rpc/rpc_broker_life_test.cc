@@ -379,15 +379,9 @@ TEST(RpcBrokerLife, RequestsQueuedAtStopAreNeverAnswered) {
   client.send(request("none", "i"));  // answered by the broker: it has read all that came before
   inside.pass();
   EXPECT_EQ(client.receive().back(), "service not found: none - i");
-  std::atomic<int> stopper{0};
-  std::thread stopping([&] {
-    stopper = thisThread();
-    broker->stop();
-  });
-  eventually([&] { return stopper != 0; });
-  waitUntilAsleep(stopper);
+  const auto stopping = runUntilAsleep([&] { broker->stop(); });
   gate.open();
-  stopping.join();
+  stopping->join();
   EXPECT_EQ(ran, 1);
   broker->start();
   client.send(request("s", "i", "m", "marker"));
@@ -410,7 +404,7 @@ TEST(RpcBrokerLife, CallersOfRequestsDroppedAtStopTimeOut) {
   });
   ASSERT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
   broker.stop();
-  dispatcher->take().clear();
+  dispatcher->takeAll().clear();
   caller.join();
 }
 
@@ -434,16 +428,12 @@ TEST(RpcBrokerLife, CallsWaitForABrokerThatHasNotStarted) {
   const std::string endpoint = uniqueInproc();
   const auto broker = makeMaster({endpoint});
   broker->registerService(makeEcho("s", "i"));
-  std::atomic<int> caller{0};
-  std::thread calling([&] {
-    caller = thisThread();
+  const auto calling = runUntilAsleep([&] {
     RpcClient client(broker, kLong);  // not directly: the broker does not run
     EXPECT_EQ(call(client, "s", "i"), "s/i/m/");
   });
-  eventually([&] { return caller != 0; });
-  waitUntilAsleep(caller);
   broker->start();
-  calling.join();
+  calling->join();
 }
 
 TEST(RpcBrokerLife, ASlaveOffersWhatIsThereAtEachStartAndTakesItBackAtEachStop) {

@@ -15,16 +15,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-Frames ask(const std::string& service, const std::string& instance,
-           const std::string& payload = "payload") {
-  return enveloped({}, requestFrames(service, instance, "method", payload));
-}
-Frames answer(int status, const std::string& payload) {
-  return enveloped({}, replyFrames(status, payload));
-}
-
-std::shared_ptr<RpcDispatcher> anyDispatcher() { return std::make_shared<KeepingDispatcher>(); }
-
 TEST(RpcBrokerMaster, EndpointsOfAProcessAreNumberedFromZero) {
   const RpcBrokerImpl first(true, {}, anyDispatcher());
   const RpcBrokerImpl second(true, {}, anyDispatcher());

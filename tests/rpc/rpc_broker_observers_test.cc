@@ -20,14 +20,6 @@ namespace {
 using testing::ElementsAre;
 using testing::IsEmpty;
 
-Frames ask(const std::string& service, const std::string& instance,
-           const std::string& payload = "payload") {
-  return enveloped({}, requestFrames(service, instance, "method", payload));
-}
-Frames answer(int status, const std::string& payload) {
-  return enveloped({}, replyFrames(status, payload));
-}
-
 static_assert(std::is_abstract<RpcBrokerObserver>::value, "the application brings it");
 static_assert(std::has_virtual_destructor<RpcBrokerObserver>::value, "held polymorphically");
 

@@ -137,15 +137,9 @@ TEST(RpcBrokerRaces, AServiceUsesItsBrokerWhileThatIsBeingStopped) {
       raw.router.send(asked);
     }
     inside.pass();
-    std::atomic<int> stopper{0};
-    std::thread stopping([&] {
-      stopper = thisThread();
-      broker->stop();
-    });
-    eventually([&] { return stopper != 0; });
-    waitUntilAsleep(stopper);
+    const auto stopping = runUntilAsleep([&] { broker->stop(); });
     gate.open();
-    stopping.join();
+    stopping->join();
     EXPECT_TRUE(returned);
   }
 }
@@ -365,17 +359,11 @@ TEST(RpcBrokerRaces, WhatWasQueuedAtAStopIsNotReplayedAfterTheNextStart) {
   const std::shared_ptr<Service> late[] = {makeEcho("b", "1"), makeEcho("b", "2"),
                                            makeEcho("b", "3")};
   for (const auto& service : late) slave.registerService(service);
-  std::atomic<int> stopper{0};
-  std::thread stopping([&] {
-    stopper = thisThread();
-    slave.stop();
-  });
-  eventually([&] { return stopper != 0; });
-  waitUntilAsleep(stopper);
+  const auto stopping = runUntilAsleep([&] { slave.stop(); });
   // The broker is being stopped: nothing is announced any more.
   for (const auto& service : late) slave.unregisterService(service);
   dispatcher->gate.open();
-  stopping.join();
+  stopping->join();
   slave.start();
   slave.registerService(makeEcho("~", "marker"));
   ASSERT_TRUE(raw.readTo(true, "~", "marker"));

@@ -23,8 +23,6 @@ namespace {
 
 using testing::ElementsAre;
 
-std::shared_ptr<RpcDispatcher> anyDispatcher() { return std::make_shared<KeepingDispatcher>(); }
-
 // A bare ROUTER as the master of a slave that runs.
 class RpcBrokerSlave : public testing::Test {
  protected:

@@ -127,7 +127,7 @@ TEST(RpcTimeouts, WithoutAnySocketLeftAreErrorsUntilThereAreSomeAgain) {
   RpcClient client(broker, milliseconds(0));
   std::string got = "timeout";
   for (int i = 0; i < 2000 && got == "timeout"; ++i) got = outcome(client, "s", "i");
-  EXPECT_EQ(got, "error: Too many open files");
+  EXPECT_EQ(got, "runtime: Too many open files");
   for (void* socket : spare) zmq_close(socket);  // a worker that gets none ends the process
   broker->start();
   client.setReceiveTimeout(kLong);

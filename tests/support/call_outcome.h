@@ -13,23 +13,34 @@
 
 namespace tessel::test {
 
-/// How a call ended, by the exact type of what it threw: "result x", "timeout RPC timeout",
-/// "broker x", "service x", "custom x" (its bytes), "runtime x", "other".
-inline std::string outcomeOf(const std::function<std::string()>& call) {
+/// How a call ended, by the exact type of what it threw: "result", "timeout", "broker", "service",
+/// "custom", "runtime" or "other"; and with which text, or a custom error's bytes.
+struct Ending {
+  std::string kind;
+  std::string text;
+};
+
+inline Ending endingOf(const std::function<std::string()>& call) {
   try {
-    return "result " + call();
+    return {"result", call()};
   } catch (const rpc_custom_error& error) {
-    return "custom " + text(error.data(), error.size());
+    return {"custom", text(error.data(), error.size())};
   } catch (const std::exception& error) {
     const std::type_info& type = typeid(error);
-    if (type == typeid(rpc_timeout)) return std::string("timeout ") + error.what();
-    if (type == typeid(rpc_broker_error)) return std::string("broker ") + error.what();
-    if (type == typeid(rpc_service_error)) return std::string("service ") + error.what();
-    if (type == typeid(std::runtime_error)) return std::string("runtime ") + error.what();
-    return std::string("other ") + type.name() + " " + error.what();
+    if (type == typeid(rpc_timeout)) return {"timeout", error.what()};
+    if (type == typeid(rpc_broker_error)) return {"broker", error.what()};
+    if (type == typeid(rpc_service_error)) return {"service", error.what()};
+    if (type == typeid(std::runtime_error)) return {"runtime", error.what()};
+    return {"other", std::string(type.name()) + " " + error.what()};
   } catch (...) {
-    return "other";
+    return {"other", "not an exception of the standard"};
   }
+}
+
+/// The same in one text: "result x", "timeout RPC timeout", "broker x".
+inline std::string outcomeOf(const std::function<std::string()>& call) {
+  const Ending ending = endingOf(call);
+  return ending.kind + " " + ending.text;
 }
 
 /// The same of client.CallMethod(service, instance, "method", payload).

@@ -22,6 +22,15 @@ class NamedDealer : public RawPeer {
   }
 };
 
+/// A call of a DEALER, and what comes back.
+inline Frames ask(const std::string& service, const std::string& instance,
+                  const std::string& payload = "payload") {
+  return enveloped({}, requestFrames(service, instance, "method", payload));
+}
+inline Frames answer(int status, const std::string& payload) {
+  return enveloped({}, replyFrames(status, payload));
+}
+
 /// A master that the test serves by hand, on its own thread, between raw peers in the same process:
 /// nothing happens unless a pass is made, and what a pass has sent can be read at once. A pass
 /// without anything to serve waits for ever.

@@ -152,6 +152,20 @@ class RecordingRpcObserver : public RpcBrokerObserver {
   const Hook hook_;
 };
 
+/// Hears of everything and does nothing; override what a test needs.
+class QuietObserver : public RpcBrokerObserver {
+ public:
+  using Identity = std::vector<std::uint8_t>;
+  void onServiceRegistered(const std::string&, const std::string&, bool, const Identity&) override {
+  }
+  void onServiceUnregistered(const std::string&, const std::string&, bool,
+                             const Identity&) override {}
+  void onRequest(const std::string&, const std::string&, const std::string&, const void*,
+                 std::size_t) override {}
+  void onReply(const std::string&, const std::string&, const std::string&, int, const void*,
+               std::size_t) override {}
+};
+
 /// "service not found" and other texts as observers get them.
 inline std::string withNul(const std::string& line) { return line + kNul; }
 
@@ -182,6 +196,11 @@ class KeepingDispatcher : public RpcDispatcher {
     kept_.erase(kept_.begin());
     return request;
   }
+  /// All requests that there are, no longer kept here.
+  std::vector<std::shared_ptr<RpcRequest>> takeAll() {
+    const std::lock_guard<std::mutex> lock(mutex_);
+    return std::exchange(kept_, {});
+  }
   void runOne() {
     if (const std::shared_ptr<RpcRequest> request = take()) request->execute();
   }
@@ -194,6 +213,10 @@ class KeepingDispatcher : public RpcDispatcher {
   mutable std::mutex mutex_;
   std::vector<std::shared_ptr<RpcRequest>> kept_;
 };
+
+inline std::shared_ptr<RpcDispatcher> anyDispatcher() {
+  return std::make_shared<KeepingDispatcher>();
+}
 
 }  // namespace tessel::test
 

@@ -55,18 +55,6 @@ class Exhaustion {
   milliseconds patience() { return milliseconds(pick(random_, 2)); }
 
  private:
-  static int settledDescriptors() {
-    int last = -1;
-    int steady = 0;
-    eventually([&] {
-      const int now = openDescriptors();
-      steady = now == last ? steady + 1 : 0;
-      last = now;
-      return steady > 50;
-    });
-    return last;
-  }
-
   static std::string megabytes(std::int64_t bytes) {
     return oneDecimal(static_cast<double>(bytes) / 1e6) + " MB";
   }

@@ -26,6 +26,7 @@
 #include <vector>
 
 #include "support/endpoints.h"
+#include "support/rpc_peers.h"
 #include "torture.h"
 
 namespace {
@@ -59,15 +60,8 @@ class Echo : public Service {
   }
 };
 
-class Watcher : public RpcBrokerObserver {
+class Watcher : public QuietObserver {
  public:
-  using Identity = std::vector<std::uint8_t>;
-  void onServiceRegistered(const std::string&, const std::string&, bool, const Identity&) override {
-  }
-  void onServiceUnregistered(const std::string&, const std::string&, bool,
-                             const Identity&) override {}
-  void onRequest(const std::string&, const std::string&, const std::string&, const void*,
-                 std::size_t) override {}
   void onReply(const std::string&, const std::string&, const std::string&, int status, const void*,
                std::size_t) override {
     if (status < 0 || status > 3) ++wrong;
