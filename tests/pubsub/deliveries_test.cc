@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "support/deadline.h"
+#include "support/subscribers.h"
 
 namespace tessel::test {
 namespace {
@@ -18,7 +19,7 @@ class WatchedValue {
  public:
   ReceivedNotification notification(std::uint64_t flags = 0) {
     ReceivedNotification made;
-    made.key = "a:b";
+    made.key = "t:default";
     zmq_msg_init_data(made.value.raw(), bytes_, sizeof bytes_, release, this);
     made.flags = flags;
     return made;
@@ -33,23 +34,11 @@ class WatchedValue {
   std::atomic<bool> released_{false};
 };
 
-class CallingSubscriber : public Subscriber {
- public:
-  explicit CallingSubscriber(std::function<void()> call)
-      : Subscriber(SubscriptionMode::NewValues, "a", "b"), call_(std::move(call)) {}
-
- protected:
-  void onValue(const void* /*data*/, std::size_t /*size*/) override { call_(); }
-
- private:
-  const std::function<void()> call_;
-};
-
 // Subscribers of one value, with the deliveries and the queue that serve them.
 class DeliveriesTest : public ::testing::Test {
  protected:
-  void add(Deliveries& deliveries, std::function<void()> call) {
-    subscribers_.push_back(std::make_shared<CallingSubscriber>(std::move(call)));
+  void add(Deliveries& deliveries, const std::function<void()>& call) {
+    subscribers_.push_back(std::make_shared<CallingSubscriber>(call));
     const std::shared_ptr<Subscriber> subscriber = subscribers_.back();
     deliveries.add(std::make_shared<Subscription<Subscriber>>(subscriber));
   }

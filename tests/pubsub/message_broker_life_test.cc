@@ -221,14 +221,19 @@ class Life : public testing::Test {
   }
   // What was heard of the first `count` events.
   Lines heard(std::size_t count) { return observer->journal.lines(count); }
-  // That the broker runs, and everything sent before has been served.
-  void expectServes() {
+  // That the broker runs, and everything sent before has been served. Returns its thread.
+  pthread_t expectServes() {
+    pthread_t thread{};
     Gate served;
-    const auto watch = std::make_shared<OnPublish>([&] { served.open(); });
+    const auto watch = std::make_shared<OnPublish>([&] {
+      thread = pthread_self();
+      served.open();
+    });
     broker.attach(watch);
     in.send(publication("serves", "", "", 0));
     served.pass();
     broker.detach(watch);
+    return thread;
   }
 
   const std::string updatesEndpoint = uniqueInproc();
@@ -769,17 +774,8 @@ TEST_F(BrokerLife, SignalsToItsThreadDoNotDisturbIt) {
   struct sigaction action = {};
   action.sa_handler = [](int) { ++handled; };  // without SA_RESTART: system calls are interrupted
   ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-  pthread_t thread{};
-  Gate called;
-  const auto watch = std::make_shared<OnPublish>([&] {
-    thread = pthread_self();
-    called.open();
-  });
-  broker.attach(watch);
   broker.start();
-  in.send(publication("t", "g", "", 0));
-  called.pass();
-  broker.detach(watch);
+  const pthread_t thread = expectServes();
   for (int i = 1; i <= 100; ++i) {
     ASSERT_EQ(pthread_kill(thread, SIGUSR1), 0);
     ASSERT_TRUE(eventually([&] { return handled == i; }));
@@ -794,17 +790,8 @@ TEST_F(BrokerLife, SignalsWhileItServesDoNotDisturbItEither) {
   struct sigaction action = {};
   action.sa_handler = [](int) {};
   ASSERT_EQ(sigaction(SIGUSR1, &action, nullptr), 0);
-  pthread_t thread{};
-  Gate called;
-  const auto watch = std::make_shared<OnPublish>([&] {
-    thread = pthread_self();
-    called.open();
-  });
-  broker.attach(watch);
   broker.start();
-  in.send(publication("t", "g", "", 0));
-  called.pass();
-  broker.detach(watch);
+  const pthread_t thread = expectServes();
   RawPeer live(ZMQ_SUB);
   live.set(ZMQ_RCVHWM, 0).connect(updatesEndpoint).subscribe("");
   std::atomic<bool> done{false};

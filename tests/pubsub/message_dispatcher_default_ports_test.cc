@@ -9,6 +9,7 @@
 
 #include "support/raw_broker.h"
 #include "support/recorders.h"
+#include "support/subscribers.h"
 #include "support/threads.h"
 
 namespace tessel::test {
@@ -25,18 +26,6 @@ std::unique_ptr<RawPeer> boundOnceFree(const std::string& endpoint) {
 bool awaitSubscription(RawPeer& peer, const std::string& key) {
   return eventually([&] { return peer.tryReceive(kPatience) == subscribed(key); });
 }
-
-class WaitingSubscriber : public RecordingSubscriber {
- public:
-  using RecordingSubscriber::RecordingSubscriber;
-  Gate gate;
-
- protected:
-  void onValue(const void* data, std::size_t size) override {
-    RecordingSubscriber::onValue(data, size);
-    gate.pass();
-  }
-};
 
 TEST(DispatcherDefaultPorts, AreForLiveValuesAndCachedOnes) {
   const std::string topic = "process" + std::to_string(getpid());
@@ -80,9 +69,9 @@ TEST(DispatcherDefaults, AreFourWorkers) {
   const int threads = threadCount();
   dispatcher.start();
   EXPECT_EQ(threadCount(), threads + 1 + 4);
-  std::vector<std::shared_ptr<WaitingSubscriber>> waiting;
+  std::vector<std::shared_ptr<HeldSubscriber>> waiting;
   for (int i = 0; i < 4; ++i) {
-    waiting.push_back(std::make_shared<WaitingSubscriber>(SubscriptionMode::AllValues, "t", "g"));
+    waiting.push_back(std::make_shared<HeldSubscriber>(SubscriptionMode::AllValues, "t", "g"));
     dispatcher.registerSubscriber(waiting.back());
     EXPECT_EQ(broker.cache.receive(), subscribed("t:g"));
   }

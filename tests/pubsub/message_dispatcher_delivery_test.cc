@@ -12,6 +12,7 @@
 #include <thread>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/subscribers.h"
 
 namespace tessel {
 namespace {
@@ -19,21 +20,6 @@ namespace {
 using namespace test;
 
 class DispatcherDelivery : public DispatcherTest {};
-
-// Calls what a test wants for values and deletions.
-class CallingSubscriber : public Subscriber {
- public:
-  using Call = std::function<void(const void* data, std::size_t size)>;
-  CallingSubscriber(SubscriptionMode mode, const std::string& topic, Call call)
-      : Subscriber(mode, topic, ""), call_(std::move(call)) {}
-
- protected:
-  void onValue(const void* data, std::size_t size) override { call_(data, size); }
-  void onDeletion() override { call_(nullptr, 0); }
-
- private:
-  const Call call_;
-};
 
 std::shared_ptr<CallingSubscriber> calling(SubscriptionMode mode, const std::string& topic,
                                            CallingSubscriber::Call call) {
@@ -647,31 +633,41 @@ TEST_F(DispatcherDelivery, LetsCallbacksRegisterAndUnregister) {
 class SingleWorkerDelivery : public DispatcherTest {
  protected:
   SingleWorkerDelivery() : DispatcherTest(1) {}
-};
 
-// Two subscribers of one value, the first to be called waits: which one is not promised.
-TEST_F(SingleWorkerDelivery, SkipsASubscriberDestroyedWhileItsCallIsQueued) {
+  // Two subscribers of one message, of which the first to be called waits, which may be either, and
+  // the other is destroyed meanwhile. Returns the one that was called.
+  std::shared_ptr<CallingSubscriber> destroyOneWhileItsCallIsQueued(SubscriptionMode mode,
+                                                                    RawPeer& socket,
+                                                                    const Frames& message) {
+    std::shared_ptr<CallingSubscriber> subscribers[2];
+    start();
+    for (int i = 0; i < 2; ++i) {
+      subscribers[i] = calling(mode, "t", [&, i](const void*, std::size_t) {
+        journal.add(std::to_string(i));
+        gate.pass();
+      });
+      subscribe(socket, subscribers[i], "t:default");
+    }
+    socket.send(message);
+    EXPECT_TRUE(journal.waitFor(1));
+    const int called = journal.lines() == Lines{"0"} ? 0 : 1;
+    subscribers[1 - called].reset();
+    gate.open();
+    settle();
+    EXPECT_EQ(journal.lines(), Lines{std::to_string(called)});
+    return subscribers[called];
+  }
+
+ private:
   Gate gate;
   Journal journal;
-  std::shared_ptr<CallingSubscriber> subscribers[2];
-  for (int i = 0; i < 2; ++i) {
-    subscribers[i] = calling(SubscriptionMode::AllValues, "t", [&, i](const void*, std::size_t) {
-      journal.add(std::to_string(i));
-      gate.pass();
-    });
-  }
-  start();
-  subscribe(broker.cache, subscribers[0], "t:default");
-  subscribe(broker.cache, subscribers[1], "t:default");
-  broker.cache.send(valueMessage("t:default", "1"));
-  ASSERT_TRUE(journal.waitFor(1));
-  const std::string called = journal.lines().front();
-  subscribers[called == "0" ? 1 : 0].reset();
-  gate.open();
-  settle();
-  EXPECT_EQ(journal.lines(), Lines{called});
-  expectNothingMoreOnTheWire();  // the other one still holds the key
-  subscribers[called == "0" ? 0 : 1].reset();
+};
+
+TEST_F(SingleWorkerDelivery, SkipsASubscriberDestroyedWhileItsCallIsQueued) {
+  auto called = destroyOneWhileItsCallIsQueued(SubscriptionMode::AllValues, broker.cache,
+                                               valueMessage("t:default", "1"));
+  expectNothingMoreOnTheWire();  // it still holds the key
+  called.reset();
   settle();
   const auto another = recorder(SubscriptionMode::NewValues, "another", "");
   subscribe(broker.updates, another, "another:default");
@@ -679,25 +675,8 @@ TEST_F(SingleWorkerDelivery, SkipsASubscriberDestroyedWhileItsCallIsQueued) {
 }
 
 TEST_F(SingleWorkerDelivery, SkipsADeletionForASubscriberDestroyedWhileItIsQueued) {
-  Gate gate;
-  Journal journal;
-  std::shared_ptr<CallingSubscriber> subscribers[2];
-  for (int i = 0; i < 2; ++i) {
-    subscribers[i] = calling(SubscriptionMode::NewValues, "t", [&, i](const void*, std::size_t) {
-      journal.add(std::to_string(i));
-      gate.pass();
-    });
-  }
-  start();
-  subscribe(broker.updates, subscribers[0], "t:default");
-  subscribe(broker.updates, subscribers[1], "t:default");
-  broker.updates.send(valueMessage("t:default", "", kDeletedFlag));
-  ASSERT_TRUE(journal.waitFor(1));
-  const std::string called = journal.lines().front();
-  subscribers[called == "0" ? 1 : 0].reset();
-  gate.open();
-  settle();
-  EXPECT_EQ(journal.lines(), Lines{called});
+  destroyOneWhileItsCallIsQueued(SubscriptionMode::NewValues, broker.updates,
+                                 valueMessage("t:default", "", kDeletedFlag));
 }
 
 // Tells who destroys it.

@@ -21,6 +21,8 @@
 
 #include "pubsub/dispatcher_fixture.h"
 #include "support/no_hang.h"
+#include "support/sleeping_thread.h"
+#include "support/subscribers.h"
 #include "support/threads.h"
 
 namespace tessel {
@@ -41,15 +43,14 @@ class DispatcherLife : public DispatcherTest {
   }
 };
 
-class WaitingSubscriber : public RecordingSubscriber {
+// Says when it may go on, too.
+class WaitingSubscriber : public HeldSubscriber {
  public:
-  using RecordingSubscriber::RecordingSubscriber;
-  Gate gate;
+  using HeldSubscriber::HeldSubscriber;
 
  protected:
   void onValue(const void* data, std::size_t size) override {
-    RecordingSubscriber::onValue(data, size);
-    gate.pass();
+    HeldSubscriber::onValue(data, size);
     journal.add("returns");
   }
 };
@@ -274,16 +275,10 @@ TEST_F(DispatcherLife, KeepsWhatWasQueuedWhenItIsToldToForget) {
   broker.cache.send(valueMessage("w:default", "1"));
   broker.cache.send(valueMessage("w:default", "2"));
   ASSERT_TRUE(waiting->journal.waitFor(1));
-  std::atomic<int> stopper{0};
-  ScopedThread stopping([&] {
-    stopper = thisThread();
-    dispatcher.stop(true);
-  });
-  ASSERT_TRUE(eventually([&] { return stopper != 0; }));
-  ASSERT_TRUE(waitUntilAsleep(stopper));
+  const auto stopping = runUntilAsleep([&] { dispatcher.stop(true); });
   dispatcher.registerSubscriber(queued);
   waiting->gate.open();
-  stopping.join();
+  stopping->join();
   expectUnsubscribed(0, 1);
   dispatcher.start();
   EXPECT_EQ(broker.updates.receive(), subscribed("queued:default"));
@@ -295,16 +290,12 @@ TEST_F(DispatcherLife, WaitsForARunningCallbackWhenItStops) {
   subscribe(broker.cache, waiting, "w:default");
   broker.cache.send(valueMessage("w:default", "1"));
   ASSERT_TRUE(waiting->journal.waitFor(1));
-  std::atomic<int> stopper{0};
-  ScopedThread stopping([&] {
-    stopper = thisThread();
+  const auto stopping = runUntilAsleep([&] {
     dispatcher.stop();
     waiting->journal.add("stopped");
   });
-  ASSERT_TRUE(eventually([&] { return stopper != 0; }));
-  ASSERT_TRUE(waitUntilAsleep(stopper));
   waiting->gate.open();
-  stopping.join();
+  stopping->join();
   EXPECT_EQ(waiting->journal.lines(), (Lines{"value 1", "returns", "stopped"}));
   expectUnsubscribed(0, 1);
   dispatcher.start();
@@ -324,33 +315,15 @@ TEST_F(DispatcherLife, WaitsForARunningCallbackWhenItIsDestroyed) {
   EXPECT_EQ(broker.cache.receive(), subscribed("w:default"));
   broker.cache.send(valueMessage("w:default", "1"));
   ASSERT_TRUE(waiting->journal.waitFor(1));
-  std::atomic<int> destroyer{0};
-  ScopedThread destroying([&] {
-    destroyer = thisThread();
+  const auto destroying = runUntilAsleep([&] {
     other.reset();
     waiting->journal.add("destroyed");
   });
-  ASSERT_TRUE(eventually([&] { return destroyer != 0; }));
-  ASSERT_TRUE(waitUntilAsleep(destroyer));
   waiting->gate.open();
-  destroying.join();
+  destroying->join();
   EXPECT_EQ(waiting->journal.lines(), (Lines{"value 1", "returns", "destroyed"}));
   EXPECT_EQ(broker.cache.receive(), unsubscribed("w:default"));
 }
-
-// Calls what the test gives it for each value.
-class CallingSubscriber : public Subscriber {
- public:
-  explicit CallingSubscriber(std::function<void()> toCall)
-      : Subscriber(SubscriptionMode::AllValues, "t", ""), call_(std::move(toCall)) {}
-
- protected:
-  void onValue(const void* /*data*/, std::size_t /*size*/) override { call_(); }
-  void onDeletion() override { call_(); }
-
- private:
-  const std::function<void()> call_;
-};
 
 TEST_F(DispatcherLife, StartFromACallbackDoesNothing) {
   Journal journal;

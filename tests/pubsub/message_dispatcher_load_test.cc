@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/subscribers.h"
 
 namespace tessel {
 namespace {
@@ -82,19 +83,8 @@ INSTANTIATE_TEST_SUITE_P(Over, DispatcherUnderLoad, ::testing::Values("tcp", "in
 TEST(DispatcherBehind, KeepsManyReplaysThatWait) {
   RawBroker broker;
   MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint, 1);
-  class Waiting : public RecordingSubscriber {
-   public:
-    using RecordingSubscriber::RecordingSubscriber;
-    Gate gate;
-
-   protected:
-    void onValue(const void* data, std::size_t size) override {
-      RecordingSubscriber::onValue(data, size);
-      gate.pass();
-    }
-  };
   std::atomic<int> total{0};
-  const auto waiting = std::make_shared<Waiting>(SubscriptionMode::AllValues, "w", "");
+  const auto waiting = std::make_shared<HeldSubscriber>(SubscriptionMode::AllValues, "w", "");
   const auto counting =
       std::make_shared<CountingSubscriber>(SubscriptionMode::AllValues, "t", "g", total);
   dispatcher.start();

@@ -13,17 +13,15 @@
 
 #include "pubsub/dispatcher_fixture.h"
 #include "support/endpoints.h"
+#include "support/publishing.h"
 #include "support/raw_broker.h"
 #include "support/recorders.h"
 #include "support/socket_budget.h"
+#include "support/subscribers.h"
 #include "support/threads.h"
 
 namespace tessel::test {
 namespace {
-
-void publish(const Publisher& publisher, const std::string& value) {
-  publisher.publish(value.data(), value.size());
-}
 
 // A dispatcher whose raw broker comes and goes.
 class DispatcherAndBrokers : public ::testing::Test {
@@ -138,19 +136,6 @@ TEST_F(DispatcherAndBrokers, SubscribesAtABrokerThatWasMadeWhileItWasStopped) {
   }
 }
 
-// Waits with the first value until it may go on.
-class HeldSubscriber : public RecordingSubscriber {
- public:
-  using RecordingSubscriber::RecordingSubscriber;
-  Gate goOn;
-
- protected:
-  void onValue(const void* data, std::size_t size) override {
-    RecordingSubscriber::onValue(data, size);
-    goOn.pass();
-  }
-};
-
 TEST_F(DispatcherAndBrokers, DeliversWhatABrokerHadSentBeforeItWent) {
   const auto held = std::make_shared<HeldSubscriber>(SubscriptionMode::AllValues, "t", "");
   makeBroker();
@@ -162,7 +147,7 @@ TEST_F(DispatcherAndBrokers, DeliversWhatABrokerHadSentBeforeItWent) {
   }
   ASSERT_TRUE(held->journal.waitFor(1));
   remakeBroker();
-  held->goOn.open();
+  held->gate.open();
   EXPECT_EQ(broker->cache.receive(), subscribed("t:default"));
   broker->cache.send(valueMessage("t:default", "from the next"));
   EXPECT_TRUE(held->journal.waitFor(6));

@@ -6,6 +6,7 @@
 
 #include "pubsub/dispatcher_fixture.h"
 #include "support/no_hang.h"
+#include "support/subscribers.h"
 
 namespace tessel {
 namespace {
@@ -260,18 +261,7 @@ TEST_F(DispatcherRegistration, OfOneWakeUpComesFirstThenRemovalsThenThoseWhoHave
     RawPeer& socket = mode == SubscriptionMode::AllValues ? peer.cache : peer.updates;
     // A callback that waits holds the dispatcher's thread at the next message, and what is queued
     // meanwhile is seen in one wake-up.
-    class Waiting : public RecordingSubscriber {
-     public:
-      using RecordingSubscriber::RecordingSubscriber;
-      Gate gate;
-
-     protected:
-      void onValue(const void* data, std::size_t size) override {
-        RecordingSubscriber::onValue(data, size);
-        gate.pass();
-      }
-    };
-    const auto waiting = std::make_shared<Waiting>(mode, "waiting", "");
+    const auto waiting = std::make_shared<HeldSubscriber>(mode, "waiting", "");
     const auto removed = recorder(mode, "removed", "");
     const auto added = recorder(mode, "added", "");
     auto gone = recorder(mode, "gone", "");

@@ -9,6 +9,7 @@
 #include <string>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/subscribers.h"
 #include "support/threads.h"
 #include "support/watched_joins.h"
 
@@ -16,19 +17,6 @@ namespace tessel {
 namespace {
 
 using namespace test;
-
-// Says what it gets, and waits with the first value until it may go on.
-class HeldSubscriber : public RecordingSubscriber {
- public:
-  using RecordingSubscriber::RecordingSubscriber;
-  Gate goOn;
-
- protected:
-  void onValue(const void* data, std::size_t size) override {
-    RecordingSubscriber::onValue(data, size);
-    goOn.pass();
-  }
-};
 
 class DispatcherWithOneWorker : public DispatcherTest {
  protected:
@@ -51,7 +39,7 @@ TEST_F(DispatcherWithOneWorker, DropsTheCallsThatAreQueuedWhenItStops) {
   broker.cache.send(valueMessage("t:default", "1"));
   ASSERT_TRUE(held->journal.waitFor(1));
   const auto stopping = stopUntilJoins(2);
-  held->goOn.open();
+  held->gate.open();
   stopping->join();
   EXPECT_EQ(held->journal.lines(), Lines{"value 1"});
   EXPECT_EQ(held.use_count(), 1);
@@ -79,7 +67,7 @@ TEST_F(DispatcherWithOneWorker, KeepsTheValuesOfBothSocketsOverAStop) {
   }
   for (const int thread : threads) waitUntilAsleep(thread);  // its own has one in hand by now
   const auto stopping = stopUntilJoins(1);
-  fresh->goOn.open();
+  fresh->gate.open();
   stopping->join();
   EXPECT_EQ(fresh->journal.size() + all->journal.size(), 1U);
   dispatcher.start();

@@ -10,10 +10,9 @@
 #include <type_traits>
 #include <typeinfo>
 
-#include "support/endpoints.h"
+#include "support/broker_peers.h"
 #include "support/no_hang.h"
-#include "support/raw_peer.h"
-#include "support/recorders.h"
+#include "support/publishing.h"
 #include "support/socket_budget.h"
 #include "support/zmq_errors.h"
 
@@ -22,34 +21,6 @@ namespace {
 
 const char* const kTopicText = "Message topic must not contain colons!";
 const char* const kTagText = "Message tag must not contain colons!";
-
-// What a publisher sends, to the last byte.
-Frames publication(const std::string& topic, const std::string& tag, const std::string& value,
-                   unsigned long long options) {
-  return {"", "RS02", "\x03", topic, tag, value, word(options)};
-}
-Frames withdrawal(const std::string& topic, const std::string& tag, unsigned long long options) {
-  return {"", "RS02", "\x04", topic, tag, word(options)};
-}
-
-void publish(const Publisher& publisher, const std::string& value) {
-  publisher.publish(value.data(), value.size());
-}
-
-// A broker's receiving end.
-class Receiver : public RawPeer {
- public:
-  explicit Receiver(const std::string& at = uniqueInproc()) : RawPeer(ZMQ_PULL), endpoint(at) {
-    bind(endpoint);
-  }
-  // That nothing has come: a marker sent now is the next message. By a publisher on this thread,
-  // so it goes through the socket that anything else went through.
-  void expectNothing() {
-    publish(Publisher({endpoint}, "marker", "m"), "");
-    EXPECT_EQ(receive(), publication("marker", "m", "", 1));
-  }
-  const std::string endpoint;
-};
 
 // --- Construction
 

@@ -15,6 +15,7 @@
 
 #include "support/broker_peers.h"
 #include "support/no_hang.h"
+#include "support/publishing.h"
 #include "support/socket_budget.h"
 #include "support/threads.h"
 #include "transport/left_sockets.h"
@@ -23,18 +24,6 @@ namespace tessel::test {
 namespace {
 
 using testing::UnorderedElementsAre;
-
-void publish(const Publisher& publisher, const std::string& value) {
-  publisher.publish(value.data(), value.size());
-}
-
-class Receiver : public RawPeer {
- public:
-  explicit Receiver(const std::string& at = uniqueInproc()) : RawPeer(ZMQ_PULL), endpoint(at) {
-    bind(endpoint);
-  }
-  const std::string endpoint;
-};
 
 // --- Each thread's own sockets
 
@@ -310,44 +299,50 @@ TEST(PublisherThatEndsLateDeathTest, MayPublishWhileTheProcessExits) {
 
 // --- Brokers that are not there
 
+// Publishes so many values on a thread of its own.
+class PublishingThread {
+ public:
+  PublishingThread(const std::string& endpoint, int count)
+      : thread_([this, endpoint, count] {
+          number_ = thisThread();
+          const Publisher publisher({endpoint}, "t", "g");
+          for (int i = 0; i < count; ++i) {
+            publish(publisher, std::to_string(i));
+            ++published_;
+          }
+        }) {}
+
+  bool reaches(int count) {
+    return eventually([&] { return published_ >= count; });
+  }
+  void expectToWaitAt(int count) {
+    EXPECT_TRUE(reaches(count));
+    EXPECT_TRUE(waitUntilAsleep(number_));
+    EXPECT_EQ(published_, count);
+  }
+
+ private:
+  std::atomic<int> number_{0};
+  std::atomic<int> published_{0};
+  ScopedThread thread_;
+};
+
 TEST(PublisherWithoutABroker, WaitsWhenItsQueueIsFullUntilOneAppears) {
   const std::string endpoint = uniqueInproc();
-  std::atomic<int> published{0};
-  std::atomic<int> thread{0};
-  ScopedThread publishing([&] {
-    thread = thisThread();
-    const Publisher publisher({endpoint}, "t", "g");
-    for (int i = 0; i < 1500; ++i) {
-      publish(publisher, std::to_string(i));
-      ++published;
-    }
-  });
-  EXPECT_TRUE(eventually([&] { return published == 1000; }));
-  EXPECT_TRUE(waitUntilAsleep(thread));
-  EXPECT_EQ(published, 1000);
+  PublishingThread publishing(endpoint, 1500);
+  publishing.expectToWaitAt(1000);
   MessageBroker broker({endpoint}, {}, {});
   const auto observer = std::make_shared<RecordingBrokerObserver>();
   broker.attach(observer);
   broker.start();
   ASSERT_TRUE(observer->journal.waitFor(1500));
-  EXPECT_EQ(published, 1500);
+  EXPECT_TRUE(publishing.reaches(1500));
 }
 
 TEST(PublisherWithoutABroker, WaitsForAStoppedOneToRead) {
   MessageBroker broker({}, {}, {});
-  std::atomic<int> published{0};
-  std::atomic<int> thread{0};
-  ScopedThread publishing([&] {
-    thread = thisThread();
-    const Publisher publisher(broker, "t", "g");
-    for (int i = 0; i < 3000; ++i) {
-      publish(publisher, std::to_string(i));
-      ++published;
-    }
-  });
-  EXPECT_TRUE(eventually([&] { return published == 2000; }));
-  EXPECT_TRUE(waitUntilAsleep(thread));
-  EXPECT_EQ(published, 2000);
+  PublishingThread publishing(broker.getInprocPullTransport(), 3000);
+  publishing.expectToWaitAt(2000);
   const auto observer = std::make_shared<RecordingBrokerObserver>();
   broker.attach(observer);
   broker.start();
@@ -394,22 +389,15 @@ TEST(PublisherWhoseBrokerIsMadeAgain, LosesNothingThatWasPublishedBetweenTheTwo)
 
 TEST(PublisherWhoseBrokerIsMadeAgain, GoesOnFromAFullQueue) {
   const std::string endpoint = uniqueInproc();
-  const Publisher publisher({endpoint}, "t", "g");
   auto broker = std::make_unique<MessageBroker>(
       std::vector<std::string>{endpoint}, std::vector<std::string>(), std::vector<std::string>());
-  std::atomic<int> published{0};
-  ScopedThread publishing([&] {
-    for (int i = 0; i < 5000; ++i) {
-      publish(publisher, std::to_string(i));
-      ++published;
-    }
-  });
-  EXPECT_TRUE(eventually([&] { return published >= 2000; }));
-  broker.reset();                                              // with what it never read
-  EXPECT_TRUE(eventually([&] { return published >= 3000; }));  // the new connection's queue
+  PublishingThread publishing(endpoint, 5000);
+  EXPECT_TRUE(publishing.reaches(2000));
+  broker.reset();                         // with what it never read
+  EXPECT_TRUE(publishing.reaches(3000));  // the new connection's queue
   MessageBroker next({endpoint}, {}, {});
   next.start();
-  publishing.join();
+  EXPECT_TRUE(publishing.reaches(5000));
 }
 
 // A process has 1023 sockets at a time, and a thread one for each broker that it publishes to.

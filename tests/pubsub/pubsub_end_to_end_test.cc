@@ -16,6 +16,7 @@
 #include "support/child_process.h"
 #include "support/deadline.h"
 #include "support/endpoints.h"
+#include "support/publishing.h"
 #include "support/raw_peer.h"
 #include "support/recorders.h"
 #include "support/threads.h"
@@ -28,10 +29,6 @@ using Lines = std::vector<std::string>;
 std::shared_ptr<RecordingSubscriber> recorder(SubscriptionMode mode, const std::string& topic,
                                               const std::string& tag) {
   return std::make_shared<RecordingSubscriber>(mode, topic, tag);
-}
-
-void publish(const Publisher& publisher, const std::string& value) {
-  publisher.publish(value.data(), value.size());
 }
 
 /// Broker, dispatcher and publishers, joined by real endpoints.
