@@ -238,14 +238,18 @@ struct ExpectsTheWithdrawal {
   std::shared_ptr<RecordingBrokerObserver> observer = std::make_shared<RecordingBrokerObserver>();
 };
 
+void makeStaticPublisher() {
+  static ExpectsTheWithdrawal expects;
+  expects.broker->attach(expects.observer);
+  expects.broker->start();
+  static const LastWords words(expects.broker->getInprocPullTransport());
+}
+
 TEST(PublisherThatEndsLateDeathTest, MayBeStatic) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_EXIT(
       {
-        static ExpectsTheWithdrawal expects;
-        expects.broker->attach(expects.observer);
-        expects.broker->start();
-        static const LastWords words(expects.broker->getInprocPullTransport());
+        makeStaticPublisher();
         std::exit(2);
       },
       testing::ExitedWithCode(0), "");
@@ -255,10 +259,7 @@ TEST(PublisherThatEndsLateDeathTest, MayBeStaticOnAThreadThatCallsExit) {
   testing::FLAGS_gtest_death_test_style = "threadsafe";
   EXPECT_EXIT(
       {
-        static ExpectsTheWithdrawal expects;
-        expects.broker->attach(expects.observer);
-        expects.broker->start();
-        static const LastWords words(expects.broker->getInprocPullTransport());
+        makeStaticPublisher();
         std::thread([] { std::exit(2); }).join();
       },
       testing::ExitedWithCode(0), "");

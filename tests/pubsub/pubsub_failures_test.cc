@@ -1,7 +1,6 @@
 // That the broker's and the dispatcher's threads do not try to survive a socket that fails them. In
 // a program of its own, since it stands in for functions of libzmq.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessel/message_broker.h>
 #include <tessel/message_dispatcher.h>
@@ -15,10 +14,13 @@
 
 #include "support/broker_peers.h"
 #include "support/raw_broker.h"
+#include "support/stand_in.h"
 #include "support/watchdog.h"
 #include "support/zmq_errors.h"
 
 namespace {
+
+using tessel::test::real;
 
 // The calls that fail while it is armed: those of one function, on sockets of one type, on every
 // thread but the test's own.
@@ -45,11 +47,6 @@ bool fails(const char* function, void* socket) {
   if (socket != nullptr && typeOf(socket) != failure.socketType) return false;
   errno = failure.error;
   return true;
-}
-
-template <typename Function>
-Function real(const char* name, Function /*standIn*/) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace

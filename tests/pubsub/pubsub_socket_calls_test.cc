@@ -2,7 +2,6 @@
 // length, or not at all. In a program of its own, since it stands in for functions of libzmq to
 // note how they are called.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessel/message_dispatcher.h>
 #include <zmq.h>
@@ -13,8 +12,11 @@
 
 #include "support/broker_peers.h"
 #include "support/raw_broker.h"
+#include "support/stand_in.h"
 
 namespace {
+
+using tessel::test::real;
 
 // How many messages a socket is to queue for each peer.
 struct Marks {
@@ -36,11 +38,6 @@ int optionOf(void* socket, int option) {
 
 void note(void* socket, const std::string& endpoint) {
   marks[endpoint] = {optionOf(socket, ZMQ_SNDHWM), optionOf(socket, ZMQ_RCVHWM)};
-}
-
-template <typename Function>
-Function real(const char* name, Function /*standIn*/) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace

@@ -2,7 +2,6 @@
 // stands in for the functions of libzmq and lets a chosen call of the test's thread fail. It also
 // sees which sockets a thread closes, and when.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessel/rpc_error.h>
 #include <zmq.h>
@@ -23,6 +22,7 @@
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
 #include "support/socket_budget.h"
+#include "support/stand_in.h"
 #include "support/threads.h"
 #include "support/zmq_errors.h"
 #include "transport/poll_set.h"
@@ -32,6 +32,8 @@
 #include "transport/zmq_socket.h"
 
 namespace {
+
+using tessel::test::real;
 
 // The calls of one function that fail: after so many that do not, so many in a row.
 struct Failure {
@@ -57,11 +59,6 @@ bool fails(const char* function) {
   --failure.times;
   errno = failure.error;
   return true;
-}
-
-template <typename Function>
-Function real(const char* name, Function /*standIn*/) {
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
 }  // namespace
@@ -470,30 +467,34 @@ TEST(ZmqFailures, ANotificationThrowsForEveryFrameThatCannotBeSent) {
   }
 }
 
-TEST(ZmqFailures, AMessageThrowsForEveryFrameThatCannotBeReceived) {
-  for (int frame = 0; frame < 8; ++frame) {
-    const std::string endpoint = uniqueInproc();
-    ZmqSocket receiver(ZMQ_PULL);
+// Eight frames that have come, to be received.
+struct MessageThatWaits {
+  MessageThatWaits() {
     receiver.bind(endpoint);
     RawPeer(ZMQ_PUSH).connect(endpoint).send(
         {"route", "", "RS02", "\x03", "topic", "tag", "value", word(1)});
-    MessagePublish message;
+  }
+  bool receive() { return message.receive(receiver); }
+
+  const std::string endpoint = uniqueInproc();
+  ZmqSocket receiver{ZMQ_PULL};
+  MessagePublish message;
+};
+
+TEST(ZmqFailures, AMessageThrowsForEveryFrameThatCannotBeReceived) {
+  for (int frame = 0; frame < 8; ++frame) {
+    MessageThatWaits waiting;
     const Failing failing("zmq_msg_recv", ENOTSOCK, frame);
-    EXPECT_ZMQ_ERROR(message.receive(receiver), ENOTSOCK) << frame;
+    EXPECT_ZMQ_ERROR(waiting.receive(), ENOTSOCK) << frame;
     EXPECT_TRUE(failing.used());
   }
 }
 
 TEST(ZmqFailures, AMessageIsNotReceivedWhenAFrameDoesNotCome) {
   for (int frame = 0; frame < 8; ++frame) {
-    const std::string endpoint = uniqueInproc();
-    ZmqSocket receiver(ZMQ_PULL);
-    receiver.bind(endpoint);
-    RawPeer(ZMQ_PUSH).connect(endpoint).send(
-        {"route", "", "RS02", "\x03", "topic", "tag", "value", word(1)});
-    MessagePublish message;
+    MessageThatWaits waiting;
     const Failing failing("zmq_msg_recv", EAGAIN, frame);
-    EXPECT_FALSE(message.receive(receiver)) << frame;
+    EXPECT_FALSE(waiting.receive()) << frame;
     EXPECT_TRUE(failing.used());
   }
 }
