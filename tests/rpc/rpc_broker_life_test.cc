@@ -211,7 +211,7 @@ TEST(RpcBrokerLife, NothingThatWaitsIsServedOnceItStops) {
 class LateDispatcher : public KeepingDispatcher {
  public:
   void stop() override {
-    for (const auto& request : take()) request->execute();
+    for (const auto& request : takeAll()) request->execute();
     KeepingDispatcher::stop();
   }
 };
