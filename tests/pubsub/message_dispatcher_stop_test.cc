@@ -2,13 +2,16 @@
 // it stands in for the system's function that waits for threads, to know how far the stop has come.
 
 #include <gtest/gtest.h>
+#include <zmq.h>
 
 #include <algorithm>
+#include <atomic>
 #include <memory>
 #include <set>
 #include <string>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/no_hang.h"
 #include "support/subscribers.h"
 #include "support/threads.h"
 #include "support/watched_joins.h"
@@ -84,6 +87,128 @@ TEST_F(DispatcherWithOneWorker, KeepsTheValuesOfBothSocketsOverAStop) {
   for (const Lines& values : {updates, cached}) {
     EXPECT_TRUE(std::equal(values.rbegin(), values.rend(), sent.rbegin())) << values.size();
   }
+}
+
+// Sends a value and returns when the dispatcher has it in hand: ZeroMQ has let go of the key's
+// frame by then.
+void sendUntilRead(RawPeer& socket, const std::string& key, const std::string& value,
+                   unsigned long long flags = kLiveFlag) {
+  static std::atomic<bool> released;
+  released = false;
+  static std::string bytes;
+  bytes = key;
+  zmq_msg_t frame;
+  ASSERT_EQ(zmq_msg_init_data(
+                &frame, bytes.data(), bytes.size(), [](void*, void*) { released = true; }, nullptr),
+            0);
+  ASSERT_EQ(zmq_msg_send(&frame, socket.handle(), ZMQ_SNDMORE), static_cast<int>(key.size()));
+  socket.send({value, word(flags)});
+  ASSERT_TRUE(eventually([] { return released.load(); }));
+}
+
+class DispatcherThatIsBehind : public DispatcherWithOneWorker {
+ protected:
+  // Leaves its worker in a callback; its thread will wait for that with the next value in hand.
+  void hold() {
+    subscribe(broker.cache, held_, "held:default");
+    broker.cache.send(valueMessage("held:default", "1"));
+    ASSERT_TRUE(held_->journal.waitFor(1));
+  }
+  // From then on what is sent waits in the sockets.
+  void getBehind() {
+    hold();
+    sendUntilRead(broker.cache, "held:default", "2");
+  }
+  // Lets the callback return when nobody waits for that any more to go on with other values.
+  void stop() {
+    const auto stopping = stopUntilJoins(1);
+    held_->gate.open();
+    stopping->join();
+  }
+  // Returns when it has everything subscribed again: of each socket so many frames.
+  void startAgain(std::size_t updates, std::size_t cache) {
+    dispatcher.start();
+    EXPECT_EQ(sortedFrames(broker.updates, updates).size(), updates);
+    EXPECT_EQ(sortedFrames(broker.cache, cache).size(), cache);
+  }
+
+ private:
+  std::shared_ptr<HeldSubscriber> held_ =
+      std::make_shared<HeldSubscriber>(SubscriptionMode::AllValues, "held", "");
+};
+
+TEST_F(DispatcherThatIsBehind, AppliesWhatWasQueuedWhileStoppedBeforeTheValuesThatWaited) {
+  const auto staying = recorder(SubscriptionMode::NewValues, "t", "");
+  const auto leaving = recorder(SubscriptionMode::NewValues, "t", "");
+  const auto joining = recorder(SubscriptionMode::NewValues, "t", "");
+  start();
+  subscribe(broker.updates, staying, "t:default");
+  subscribe(broker.updates, leaving, "t:default");
+  getBehind();
+  for (const char* value : {"1", "2"}) broker.updates.send(valueMessage("t:default", value));
+  stop();
+  dispatcher.unregisterSubscriber(leaving);
+  dispatcher.registerSubscriber(joining);
+  startAgain(2 + 4, 2 + 2);
+  settle();
+  EXPECT_EQ(staying->journal.lines(), (Lines{"value 1", "value 2"}));
+  EXPECT_EQ(leaving->journal.lines(), Lines{});
+  EXPECT_EQ(joining->journal.lines(), (Lines{"value 1", "value 2"}));
+}
+
+TEST_F(DispatcherThatIsBehind, TakesTheUpdatesSocketFirstInEachPass) {
+  Journal journal;
+  const auto noting = [&](SubscriptionMode mode, const std::string& name) {
+    return std::make_shared<CallingSubscriber>(
+        mode, "t", [&journal, name](const void*, std::size_t) { journal.add(name); });
+  };
+  const auto fresh = noting(SubscriptionMode::NewValues, "updates");
+  const auto all = noting(SubscriptionMode::AllValues, "cache");
+  start();
+  subscribe(broker.updates, fresh, "t:default");
+  subscribe(broker.cache, all, "t:default");
+  getBehind();
+  for (RawPeer* socket : {&broker.cache, &broker.updates}) {
+    for (int i = 0; i < 2; ++i) socket->send(valueMessage("t:default", "1"));
+  }
+  stop();
+  startAgain(2 + 2, 3 + 3);
+  settle();
+  EXPECT_EQ(journal.lines(), (Lines{"updates", "cache", "updates", "cache"}));
+}
+
+TEST_F(DispatcherThatIsBehind, DoesNotCountAReplayAsHadThatItDropsWhenItStops) {
+  const auto all = recorder(SubscriptionMode::AllValues, "t", "");
+  start();
+  subscribe(broker.cache, all, "t:default");
+  hold();
+  sendUntilRead(broker.cache, "t:default", "1", kReplayFlag);
+  stop();
+  startAgain(1 + 1, 3 + 3);
+  broker.cache.send(valueMessage("t:default", "2", kReplayFlag));
+  settle();
+  EXPECT_EQ(all->journal.lines(), Lines{"value 2"});
+}
+
+class DispatcherWithoutWorkers : public DispatcherTest {
+ protected:
+  DispatcherWithoutWorkers() : DispatcherTest(0) {}
+};
+
+TEST_F(DispatcherWithoutWorkers, KeepsWhoWaitsForAValueThatItDropsWhenItStops) {
+  const auto first = recorder(SubscriptionMode::Once, "first", "");
+  const auto second = recorder(SubscriptionMode::Once, "second", "");
+  dispatcher.start();
+  subscribe(broker.cache, first, "first:default");
+  subscribe(broker.cache, second, "second:default");
+  broker.cache.send(valueMessage("first:default", "1"));
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("first:default"));  // so it was dispatched
+  sendUntilRead(broker.cache, "second:default", "2");
+  withoutHanging("stopping without workers", [&] { dispatcher.stop(); });
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("second:default"));
+  dispatcher.start();
+  EXPECT_EQ(broker.cache.receive(), subscribed("second:default"));
+  expectNothingMoreOnTheWire();
 }
 
 }  // namespace
