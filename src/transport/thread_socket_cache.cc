@@ -67,6 +67,12 @@ void ThreadSocketCache::leaveWaiting() noexcept {
   }
 }
 
+// Whatever a thread looks at that ends exists from now on: then there may be no memory for it.
+ThreadSockets::ThreadSockets() {
+  LeftSockets::instance();
+  BrokerNumber::isRetired(std::string());
+}
+
 ThreadSockets& ThreadSockets::ofThisThread() {
   static ThreadSlot& slot = *new ThreadSlot(closeThreadSockets);  // outlives every thread
   auto* sockets = static_cast<ThreadSockets*>(slot.get());

@@ -42,7 +42,7 @@ class ThreadSocketCache {
 /// have for them. They are closed when the thread ends, those of publishers first. What publishers
 /// have queued for a broker of the process that is not there yet is left for it.
 struct ThreadSockets {
-  ThreadSockets() = default;
+  ThreadSockets();
   ~ThreadSockets() { publishers.leaveWaiting(); }
   ThreadSockets(const ThreadSockets&) = delete;
   ThreadSockets& operator=(const ThreadSockets&) = delete;

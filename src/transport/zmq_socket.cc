@@ -94,11 +94,12 @@ bool ZmqSocket::tryBind(const std::string& endpoint) {
     return uninterrupted([&] { return zmq_bind(handle_, name.c_str()); }) == 0;
   };
   // Memory first: what is bound in the process and not in the list would never be unbound.
+  LeftSockets& left = LeftSockets::instance();
   std::string bound = endpoint;
   boundEndpoints_.reserve(boundEndpoints_.size() + 1);
   if (InprocEndpoints::isInproc(endpoint)) {
     if (!InprocEndpoints::instance().bind(endpoint, bindTo)) return false;
-    LeftSockets::instance().closeConnected();
+    left.closeConnected();
   } else {
     if (!bindTo(endpoint)) return false;
     char resolved[1024];  // a wildcard port or address has become a real one
