@@ -38,31 +38,45 @@ SharedCounts::Site* siteAt(void* address) {
   return nullptr;
 }
 
+// As addr2line wants it; 0 outside the program.
+std::uintptr_t offsetOf(void* address) {
+  Dl_info program{};
+  Dl_info at{};
+  dladdr(reinterpret_cast<void*>(&offsetOf), &program);
+  if (dladdr(address, &at) == 0 || at.dli_fbase != program.dli_fbase) return 0;
+  return reinterpret_cast<std::uintptr_t>(address) -
+         reinterpret_cast<std::uintptr_t>(program.dli_fbase);
+}
+
 void noteStack() {
   void* stack[SharedCounts::kMaxDepth] = {};
-  Dl_info program{};
-  dladdr(reinterpret_cast<void*>(&noteStack), &program);
-  const auto base = reinterpret_cast<std::uintptr_t>(program.dli_fbase);
   const int depth = backtrace(stack, SharedCounts::kMaxDepth);
   for (int i = 0; i < SharedCounts::kMaxDepth; ++i) {
-    Dl_info at{};
-    const bool inProgram =
-        i < depth && dladdr(stack[i], &at) != 0 && at.dli_fbase == program.dli_fbase;
-    sharedCounts().stack[i] = inProgram ? reinterpret_cast<std::uintptr_t>(stack[i]) - base : 0;
+    sharedCounts().stack[i] = i < depth ? offsetOf(stack[i]) : 0;
   }
+}
+
+std::string asText(std::uintptr_t offset) {
+  char text[32];
+  std::snprintf(text, sizeof text, " %#zx", static_cast<std::size_t>(offset));
+  return text;
+}
+
+bool isArmed(FaultKind kind, long call, void* site) {
+  if (armedFault.site == nullptr) return kind == armedFault.kind && call == armedFault.call;
+  return site == armedFault.site && !sharedCounts().fired;
 }
 
 constexpr int kAnyError = 0;
 
 bool fails(FaultKind kind, void* site, int possible = kAnyError) {
   if (!armed || spared > 0 || insideZmq > 0 || ofZmq) return false;
-  SharedCounts::Site* const at = site == nullptr ? nullptr : siteAt(site);
+  // What a program comes to by the fault only is not a place for one of its own.
+  const bool counts = site != nullptr && !sharedCounts().fired;
+  SharedCounts::Site* const at = counts ? siteAt(site) : nullptr;
   const long call = sharedCounts().calls[kind].fetch_add(1);
-  if (at != nullptr) {
-    at->kind = kind;
-    at->call = call;
-  }
-  if (kind != armedFault.kind || call != armedFault.call) return false;
+  if (at != nullptr) at->kind = kind;
+  if (!isArmed(kind, call, site)) return false;
   if (possible != kAnyError && possible != armedFault.error) return false;
   if (at != nullptr) at->failed = true;
   sharedCounts().onApplicationThread = ofApplication;
@@ -136,19 +150,20 @@ std::string nameOf(const Fault& fault) {
       "zmq_getsockopt", "zmq_bind",          "zmq_unbind",        "zmq_connect",
       "zmq_poll",       "zmq_msg_init_size", "zmq_msg_init_data", "zmq_msg_copy",
       "zmq_msg_send",   "zmq_msg_recv",      "an allocation",     "pthread_create"};
-  return "call " + std::to_string(fault.call) + " of " + names[fault.kind] + " (" + textOf(fault) +
-         ")";
+  const std::string call =
+      fault.site == nullptr ? "call " + std::to_string(fault.call) : "the first call at a place";
+  return call + " of " + names[fault.kind] + " (" + textOf(fault) + ")";
 }
 
 std::string whereFired() {
   std::string command = "addr2line -Cfpe PROGRAM";
   for (const std::uintptr_t offset : sharedCounts().stack) {
-    char text[32];
-    std::snprintf(text, sizeof text, " %#zx", static_cast<std::size_t>(offset));
-    if (offset != 0) command += text;
+    if (offset != 0) command += asText(offset);
   }
   return command;
 }
+
+std::string whereIs(void* site) { return "addr2line -Cfpie PROGRAM" + asText(offsetOf(site)); }
 
 std::string textOf(const Fault& fault) {
   if (fault.kind == kAllocation) return std::bad_alloc().what();

@@ -30,16 +30,19 @@ enum FaultKind : int {
   kFaultKinds,
 };
 
-/// The `call`-th call of a kind, from 0, that fails with an error.
+/// The `call`-th call of a kind, from 0, that fails with an error; or the first one from a place in
+/// the program.
 struct Fault {
   FaultKind kind = kFaultKinds;
   int error = 0;
   long call = -1;
+  void* site = nullptr;
 };
 
 std::string nameOf(const Fault& fault);
-/// Whence the last fault was called, as a command that shows it.
+/// Whence the last fault was called, as a command that shows it; and where a place is.
 std::string whereFired();
+std::string whereIs(void* site);
 /// What the exception of it says.
 std::string textOf(const Fault& fault);
 
@@ -49,7 +52,6 @@ struct SharedCounts {
   struct Site {
     std::atomic<void*> address{nullptr};  // where the library calls ZeroMQ
     std::atomic<FaultKind> kind{kFaultKinds};
-    std::atomic<long> call{-1};  // its last one
     std::atomic<bool> failed{false};
   };
 

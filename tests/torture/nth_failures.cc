@@ -518,15 +518,16 @@ std::vector<Fault> allFaults() {
 }
 
 // A fault for a call of ZeroMQ that has not failed yet, if there is one. Threads meet differently
-// in each run, so that a call is not found at its number every time.
-std::optional<Fault> faultForNewSite(std::map<const SharedCounts::Site*, std::size_t>& tries) {
+// in each run, so that some are not made every time.
+std::optional<Fault> faultForNewSite(std::map<void*, std::size_t>& tries) {
   constexpr std::size_t kTries = 100;
   for (const SharedCounts::Site& site : sharedCounts().sites) {
-    if (site.address == nullptr) break;
+    void* const address = site.address;
+    if (address == nullptr) break;
     if (site.failed) continue;
-    require(tries[&site] < kTries, "a call of ZeroMQ cannot be made to fail");
+    if (tries[address] == kTries) violated("cannot be made to fail: " + whereIs(address));
     const std::vector<int>& errors = kErrors[static_cast<std::size_t>(site.kind)].second;
-    return Fault{site.kind, errors[tries[&site]++ % errors.size()], site.call};
+    return Fault{site.kind, errors[tries[address]++ % errors.size()], -1, address};
   }
   return std::nullopt;
 }
@@ -552,7 +553,7 @@ int run() {
   std::fflush(stdout);  // or the children might, too
   Random random = randomFor(0);
   std::vector<Fault> left;
-  std::map<const SharedCounts::Site*, std::size_t> tries;
+  std::map<void*, std::size_t> tries;
   const Torture& torture = Torture::instance();
   while (met < torture.count() && !torture.timeIsUp()) {
     std::optional<Fault> fault = faultForNewSite(tries);
