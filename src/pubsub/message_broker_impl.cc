@@ -185,26 +185,28 @@ bool MessageBrokerImpl::serveSubscription() {
   ZmqFrame frame;
   if (!xpubSocket_.receive(frame, ZMQ_DONTWAIT)) return false;
   if (frame.size() == 0) return true;  // a peer's own message, as are those of other first bytes
-  const std::string text = frame.toString();
-  const std::string subscription = text.substr(1);
-  if (text.front() == kSubscribe) {
-    greetSubscriber(subscription);
-  } else if (text.front() == kUnsubscribe) {
-    const TopicAndTag key = splitKey(subscription);
-    observers_.notify(
-        [&](MessageBrokerObserver& observer) { observer.onUnsubscribe(key.topic, key.tag); });
+  const auto* text = static_cast<const char*>(frame.data());
+  key_.assign(text + 1, frame.size() - 1);
+  if (*text == kSubscribe) {
+    greetSubscriber();
+  } else if (*text == kUnsubscribe) {
+    observers_.notify([this](MessageBrokerObserver& observer) {
+      const TopicAndTag key = splitKey(key_);
+      observer.onUnsubscribe(key.topic, key.tag);
+    });
   }
   return true;
 }
 
 // Every subscriber of the key gets the value once more; the flag tells those who have it.
-void MessageBrokerImpl::greetSubscriber(const std::string& subscription) {
-  const TopicAndTag key = splitKey(subscription);
-  observers_.notify(
-      [&](MessageBrokerObserver& observer) { observer.onSubscribe(key.topic, key.tag); });
-  const KeptValue* value = cache_.find(subscription);
+void MessageBrokerImpl::greetSubscriber() {
+  observers_.notify([this](MessageBrokerObserver& observer) {
+    const TopicAndTag key = splitKey(key_);
+    observer.onSubscribe(key.topic, key.tag);
+  });
+  const KeptValue* value = cache_.find(key_);
   if (value == nullptr) return;
-  ValueNotification(subscription, value->toFrame(), kReplayed).send(xpubSocket_);
+  ValueNotification(key_, value->toFrame(), kReplayed).send(xpubSocket_);
 }
 
 // One that throws keeps neither the others from hearing of every key nor the broker from forgetting

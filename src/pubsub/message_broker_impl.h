@@ -50,7 +50,7 @@ class MessageBrokerImpl {
   void servePublication(MessageHeader&& header);
   void serveWithdrawal(MessageHeader&& header);
   bool serveSubscription();
-  void greetSubscriber(const std::string& subscription);
+  void greetSubscriber();
   void broadcast(ValueNotification&& notification);
   /// Tells the observers of each; what the first of them throws is returned, if any does.
   std::exception_ptr forgetCachedValues();
