@@ -96,7 +96,7 @@ TEST(HighWaterMarks, OfADispatcher) {
 TEST(BrokerSends, ToTheUpdatesSideFirst) {
   HandServedBroker at;
   const std::vector<int> both = {ZMQ_PUB, ZMQ_PUB, ZMQ_PUB, ZMQ_XPUB, ZMQ_XPUB, ZMQ_XPUB};
-  for (const unsigned long long options : {0, 1}) {
+  for (const unsigned long long options : {0ULL, 1ULL}) {
     sentOn.clear();
     at.publish("t", "g", "1", options);
     EXPECT_EQ(sentOn, both);
