@@ -47,6 +47,13 @@ void Deliveries::clear() {
   value_.value = ZmqFrame();
 }
 
+Deliveries::Subscriptions Deliveries::takeBack() {
+  Subscriptions taken;
+  taken.swap(subscriptions_);
+  clear();
+  return taken;
+}
+
 bool Deliveries::isOnWorker() const { return served == this; }
 
 void Deliveries::work() {

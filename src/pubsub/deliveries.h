@@ -21,6 +21,8 @@ namespace tessel {
 /// are done by then, and waking a thread takes longer than dozens of them.
 class Deliveries {
  public:
+  using Subscriptions = std::vector<std::shared_ptr<SubscriptionBase>>;
+
   explicit Deliveries(std::size_t workerCount) : workerCount_(workerCount) {}
 
   // Of the dispatcher thread.
@@ -41,6 +43,8 @@ class Deliveries {
   void abandon() { next_ = subscriptions_.size(); }
   /// Releases everything, when nothing is under way.
   void clear();
+  /// The same, but the subscriptions are released with what is returned.
+  Subscriptions takeBack();
   /// Whether the calling thread is a worker that has run callbacks from here.
   bool isOnWorker() const;
 
@@ -53,7 +57,7 @@ class Deliveries {
 
   // Changed by the dispatcher thread while nothing is under way, then by the worker whose turn it
   // is: he moves out what he calls, and whoever is the last to leave empties the value.
-  std::vector<std::shared_ptr<SubscriptionBase>> subscriptions_;
+  Subscriptions subscriptions_;
   ReceivedNotification value_;
 
   std::atomic<std::size_t> next_{0};        // the first subscription that nobody has taken

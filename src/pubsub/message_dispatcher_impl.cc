@@ -85,6 +85,11 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
   }
   // Also when another thread holds the lock, which then waits for the callback that this is.
   if (deliveries_.isOnWorker()) throwDeadlock();
+  // Released after the lock. With the last weak reference to a subscriber goes what the application
+  // gave its shared_ptr besides, an allocator perhaps, which may call the dispatcher.
+  Deliveries::Subscriptions uncalled;
+  SubscriptionTable::Forgotten updates;
+  SubscriptionTable::Forgotten cache;
   const Lock lock(threadMutex_);
   if (!thread_.joinable()) return;
   stopRequested_ = true;
@@ -96,10 +101,10 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
   thread_.join();
   deliveries_.abandon();
   deliveryQueue_.reset();
-  deliveries_.clear();
+  uncalled = deliveries_.takeBack();
   if (!clearSubscriptions) return;
-  updates_.clear();
-  cache_.clear();
+  updates = updates_.clear();
+  cache = cache_.clear();
 }
 
 void MessageDispatcherImpl::run() {

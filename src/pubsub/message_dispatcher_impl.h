@@ -20,7 +20,8 @@
 namespace tessel {
 
 /// The dispatcher behind the front: a thread that receives values and hands them to workers, which
-/// call the subscribers. The dispatcher thread itself never runs code of the application.
+/// call the subscribers. The dispatcher thread itself never runs code of the application, other
+/// than that of a deleter or allocator that an application put into its shared_ptr.
 class MessageDispatcherImpl {
  public:
   MessageDispatcherImpl(const std::string& updatesTransport, const std::string& cacheTransport,

@@ -14,8 +14,9 @@
 namespace tessel {
 
 /// One registration of a subscriber with a dispatcher. It does not keep the subscriber alive, and
-/// owns it only while a callback runs: so no subscriber is ever destroyed on the dispatcher thread.
-/// Unchanged once made, other than delivered().
+/// owns it only while a callback runs: so no subscriber is ever destroyed on the dispatcher thread,
+/// though the deleter or allocator that an application put into its shared_ptr may be, with the
+/// last registration. Unchanged once made, other than delivered().
 class SubscriptionBase {
  public:
   virtual ~SubscriptionBase() = default;

@@ -75,10 +75,9 @@ void SubscriptionTable::unsubscribeAll() {
   });
 }
 
-void SubscriptionTable::clear() {
-  exact_ = Index();
-  prefixes_ = Index();
+SubscriptionTable::Forgotten SubscriptionTable::clear() {
   prefixLengths_.clear();
+  return {std::exchange(exact_, Index()), std::exchange(prefixes_, Index())};
 }
 
 template <typename Remove>

@@ -24,6 +24,13 @@ namespace tessel {
 class SubscriptionTable {
  public:
   using Entry = std::shared_ptr<SubscriptionBase>;
+  using Group = std::vector<Entry>;
+  /// Entries by what they are looked up with, in groups of equal ones.
+  using Index = std::unordered_map<std::string, Group>;
+  struct Forgotten {
+    Index exact;
+    Index prefixes;
+  };
 
   /// Not connected yet, so that its owner can set options.
   SubscriptionTable();
@@ -42,8 +49,8 @@ class SubscriptionTable {
   void resubscribeAll();
   /// Unsubscribes everything, and keeps the entries of living subscribers to subscribe them again.
   void unsubscribeAll();
-  /// Forgets every entry; all must be unsubscribed.
-  void clear();
+  /// Forgets every entry; all must be unsubscribed. They are released with what is returned.
+  Forgotten clear();
 
   /// Calls `visit(entry)` for each entry that the key is for; removes and unsubscribes those for
   /// which it returns false.
@@ -51,10 +58,6 @@ class SubscriptionTable {
   void visitMatches(const std::string& key, const Visit& visit);
 
  private:
-  using Group = std::vector<Entry>;
-  // Entries by what they are looked up with, in groups of equal ones.
-  using Index = std::unordered_map<std::string, Group>;
-
   void subscribe(const SubscriptionBase& entry);
   void unsubscribe(const SubscriptionBase& entry);
   Index& indexOf(const SubscriptionBase& entry) { return entry.isPrefix() ? prefixes_ : exact_; }

@@ -12,7 +12,6 @@
 #include <fstream>
 #include <functional>
 #include <memory>
-#include <new>
 #include <set>
 #include <stdexcept>
 #include <string>
@@ -20,6 +19,7 @@
 #include <thread>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/calling_allocator.h"
 #include "support/no_hang.h"
 #include "support/sleeping_thread.h"
 #include "support/subscribers.h"
@@ -497,33 +497,9 @@ TEST_F(DispatcherWithoutWorkers, TakesTheFirstValueAndGoesOnWithRegistrations) {
 
 // ---- on the dispatcher's own thread ----
 
-// Calls back when the memory is given back. That is when the last weak reference goes, and the
-// dispatcher holds one for each registration: so its thread runs foreign code here.
-template <typename T>
-struct CallingAllocator {
-  using value_type = T;
-  explicit CallingAllocator(const std::function<void()>* toCall) : call(toCall) {}
-  template <typename U>
-  CallingAllocator(const CallingAllocator<U>& other) : call(other.call) {}
-  T* allocate(std::size_t count) { return static_cast<T*>(::operator new(count * sizeof(T))); }
-  void deallocate(T* memory, std::size_t /*count*/) {
-    (*call)();
-    ::operator delete(memory);
-  }
-  template <typename U>
-  bool operator==(const CallingAllocator<U>& other) const {
-    return call == other.call;
-  }
-  template <typename U>
-  bool operator!=(const CallingAllocator<U>& other) const {
-    return call != other.call;
-  }
-  const std::function<void()>* call;
-};
-
-std::shared_ptr<Subscriber> callingWhenFreed(const std::function<void()>& call) {
-  return std::allocate_shared<Subscriber>(CallingAllocator<Subscriber>(&call),
-                                          SubscriptionMode::AllValues, "freed", "");
+// The dispatcher's thread lets go of the last weak reference, so it runs foreign code here.
+std::shared_ptr<Subscriber> subscriberCallingWhenFreed(const std::function<void()>& call) {
+  return callingWhenFreed<Subscriber>(call, SubscriptionMode::AllValues, "freed", "");
 }
 
 TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
@@ -535,7 +511,7 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
     error = stopError(dispatcher);
     journal.add("refused");
   };
-  auto subscriber = callingWhenFreed(stopIt);
+  auto subscriber = subscriberCallingWhenFreed(stopIt);
   start();
   subscribe(broker.cache, subscriber, "freed:default");
   settle();
@@ -569,7 +545,7 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThreadWhileAnotherStopsIt) {
     waitUntilAsleep(stopper);
     error = stopError(dispatcher);
   };
-  auto subscriber = callingWhenFreed(stopIt);
+  auto subscriber = subscriberCallingWhenFreed(stopIt);
   start();
   subscribe(broker.cache, subscriber, "freed:default");
   settle();
@@ -597,7 +573,7 @@ TEST_F(DispatcherLife, StartByItsOwnThreadDoesNotWaitForAnotherThreadThatStops) 
     dispatcher.start();
     journal.add("started");
   };
-  auto subscriber = callingWhenFreed(startIt);
+  auto subscriber = subscriberCallingWhenFreed(startIt);
   start();
   subscribe(broker.cache, subscriber, "freed:default");
   settle();
@@ -743,7 +719,7 @@ TEST_F(DispatcherDeathTest, DestructionOnTheDispatcherThreadEndsTheProcess) {
     Owner dispatcher =
         std::make_unique<MessageDispatcher>(broker.updatesEndpoint, broker.cacheEndpoint);
     const std::function<void()> destroy = [&] { dispatcher.reset(); };
-    auto subscriber = callingWhenFreed(destroy);
+    auto subscriber = subscriberCallingWhenFreed(destroy);
     dispatcher->start();
     dispatcher->registerSubscriber(subscriber);
     broker.cache.receive();

@@ -6,14 +6,18 @@
 
 #include <algorithm>
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <set>
 #include <string>
+#include <utility>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/calling_allocator.h"
 #include "support/no_hang.h"
 #include "support/subscribers.h"
 #include "support/threads.h"
+#include "support/watchdog.h"
 #include "support/watched_joins.h"
 
 namespace tessel {
@@ -27,9 +31,10 @@ class DispatcherWithOneWorker : public DispatcherTest {
 
   // Stops it on another thread; returns when the first `count` of its threads are waited for: its
   // own first, then, when they have been told that this is the end, the workers.
-  std::unique_ptr<ScopedThread> stopUntilJoins(int count) {
+  std::unique_ptr<ScopedThread> stopUntilJoins(int count, bool clearSubscriptions = false) {
     const int before = joinsBegun;
-    auto stopping = std::make_unique<ScopedThread>([this] { dispatcher.stop(); });
+    auto stopping = std::make_unique<ScopedThread>(
+        [this, clearSubscriptions] { dispatcher.stop(clearSubscriptions); });
     EXPECT_TRUE(waitForJoins(before, count));
     return stopping;
   }
@@ -209,6 +214,57 @@ TEST_F(DispatcherWithoutWorkers, KeepsWhoWaitsForAValueThatItDropsWhenItStops) {
   dispatcher.start();
   EXPECT_EQ(broker.cache.receive(), subscribed("second:default"));
   expectNothingMoreOnTheWire();
+}
+
+// What is freed with the last weak reference to a subscriber is foreign code, which must not meet
+// the lock that a stop holds. Here the stop finds that reference itself.
+class DispatcherThatStops : public DispatcherWithOneWorker {
+ protected:
+  std::shared_ptr<CallingSubscriber> subscriber(CallingSubscriber::Call call) {
+    return callingWhenFreed<CallingSubscriber>(stopIt_, SubscriptionMode::AllValues, "t",
+                                               std::move(call));
+  }
+
+  Journal journal;
+  Gate gate;
+  const Watchdog watchdog{"stopping while a subscriber's memory is freed", kPatience};
+
+ private:
+  const std::function<void()> stopIt_ = [this] {
+    dispatcher.stop();  // it has stopped
+    journal.add("freed");
+  };
+};
+
+TEST_F(DispatcherThatStops, MayBeStoppedByWhatIsFreedWithASubscriberThatItForgets) {
+  auto going = subscriber([this](const void*, std::size_t) {
+    journal.add("called");
+    gate.pass();
+  });
+  dispatcher.start();
+  subscribe(broker.cache, going, "t:default");
+  broker.cache.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(journal.waitFor(1));
+  const auto stopping = stopUntilJoins(2, true);  // by now it has unsubscribed those who are alive
+  going.reset();
+  gate.open();
+  stopping->join();
+  EXPECT_EQ(journal.lines(), (Lines{"called", "freed"}));
+}
+
+TEST_F(DispatcherThatStops, MayBeStoppedByWhatIsFreedWithASubscriberThatItCallsNoMore) {
+  const auto held = std::make_shared<HeldSubscriber>(SubscriptionMode::AllValues, "t", "");
+  auto going = subscriber([this](const void*, std::size_t) { journal.add("called"); });
+  dispatcher.start();
+  subscribe(broker.cache, held, "t:default");
+  subscribe(broker.cache, going, "t:default");
+  broker.cache.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(held->journal.waitFor(1));
+  going.reset();
+  const auto stopping = stopUntilJoins(2);
+  held->gate.open();
+  stopping->join();
+  EXPECT_EQ(journal.lines(), Lines{"freed"});
 }
 
 }  // namespace
