@@ -368,11 +368,11 @@ TEST_F(RpcClientLocal, TheServicesOfABrokerThatHasGoneAreNotCalled) {
 TEST_F(RpcClientLocal, ABrokerThatItsPointerNoLongerOwnsIsReachedOverTheSocket) {
   offer(answering("s", "i", "ok"));
   std::shared_ptr<RpcBroker> borrowed(broker.get(), [](RpcBroker*) {});
-  RpcClient client(borrowed, kPatience);
-  EXPECT_EQ(outcomeOf(client, "s", "i"), "result ok");
+  RpcClient borrower(borrowed, kPatience);
+  EXPECT_EQ(outcomeOf(borrower, "s", "i"), "result ok");
   borrowed.reset();
   RpcClient ownerless(std::shared_ptr<RpcBroker>(std::shared_ptr<void>(), broker.get()), kPatience);
-  for (RpcClient* each : {&client, &ownerless}) {
+  for (RpcClient* each : {&borrower, &ownerless}) {
     auto served = std::async(std::launch::async, [&] { dispatcher->runOne(); });
     EXPECT_EQ(outcomeOf(*each, "s", "i"), "result ok");
     served.get();
