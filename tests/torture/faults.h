@@ -62,6 +62,10 @@ struct SharedCounts {
   static constexpr int kMaxDepth = 40;
   std::uintptr_t stack[kMaxDepth];
   Site sites[kMaxSites];
+
+  // What a process has without a fault.
+  std::atomic<int> usualDescriptors;
+  std::atomic<long> usualBlocks;
 };
 SharedCounts& sharedCounts();
 
