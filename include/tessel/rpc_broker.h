@@ -85,10 +85,10 @@ class TESSEL_EXPORT RpcBroker {
   /// then: calls through it time out until its stop() and start(). Throws what the dispatcher's
   /// start() throws.
   ///
-  /// Waits for a stop() under way, except on a thread that the stop may be waiting for: in an
-  /// observer on the broker's thread, in a service that the dispatcher runs, or in an observer of
-  /// such a call. There it does nothing. It also does nothing after an observer has called stop()
-  /// on the broker's thread, until a stop() from another thread has completed that one.
+  /// Waits for a start() or stop() under way, except on a thread that these may be waiting for: in
+  /// an observer on the broker's thread, in a service that the dispatcher runs, or in an observer
+  /// of such a call. There it does nothing. It also does nothing after an observer has called
+  /// stop() on the broker's thread, until a stop() from another thread has completed that one.
   ///
   /// @throws std::system_error when there is no thread to be had; the broker is then as it was
   void start();
@@ -105,7 +105,7 @@ class TESSEL_EXPORT RpcBroker {
   ///     broker's thread; the thread then ends, and a stop() from another thread completes the
   ///     stop: until then nothing is routed, the dispatcher runs on, and start() does nothing
   /// @throws std::system_error the same, when a service that the dispatcher runs, or an observer of
-  ///     such a call, calls it while another thread is in stop(); nothing else happens then
+  ///     such a call, calls it during a start() or stop(); nothing else happens then
   void stop(bool clearServices = false, bool clearObservers = false);
 
  private:

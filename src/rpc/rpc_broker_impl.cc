@@ -4,11 +4,11 @@
 
 #include <chrono>
 #include <exception>
+#include <optional>
 #include <stdexcept>
 #include <system_error>
 #include <utility>
 
-#include "messages/message_registration.h"
 #include "messages/message_reply.h"
 #include "rpc/rpc_request_impl.h"
 #include "rpc/service_call.h"
@@ -95,6 +95,9 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
 RpcBrokerImpl::~RpcBrokerImpl() {
   stop(false, false);
   localRoad_->close();
+  Services released;  // while everything is still there: their destructors may call the broker
+  const Lock lock(registryMutex_);
+  released.swap(services_);
 }
 
 void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
@@ -104,7 +107,7 @@ void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
   const auto entry = services_.emplace(key, service);
   if (!entry.second) throw std::logic_error("service already registered");
   try {
-    announceFromThisThread(*service, Announce::kOffer);
+    announceFromThisThread(key, Announce::kOffer);
   } catch (...) {  // otherwise it could not be registered again, when there are sockets
     services_.erase(entry.first);
     throw;
@@ -125,16 +128,21 @@ void RpcBrokerImpl::unregisterService(const std::shared_ptr<Service>& service) {
     observer.onServiceUnregistered(key.first, key.second, true, {});
   };
   observers_->notify(tell, told);
-  announceFromThisThread(*service, Announce::kWithdraw);
+  announceFromThisThread(key, Announce::kWithdraw);
   released = services_.extract(key);
 }
 
 // By the thread's own socket: the one to the master is the broker thread's.
-void RpcBrokerImpl::announceFromThisThread(const Service& service, Announce what) {
+void RpcBrokerImpl::announceFromThisThread(const ServiceKey& key, Announce what) {
   if (master_ || !serving_) return;
-  MessageRegistration message(what == Announce::kOffer, service.getServiceName(),
-                              service.getInstanceName());
-  message.send(ThreadSockets::ofThisThread().registrations.socketFor(internalEndpoint_));
+  changes_.emplace_back(what, key);
+  try {
+    MessageRegistration message(what == Announce::kOffer, key.first, key.second);
+    message.send(ThreadSockets::ofThisThread().registrations.socketFor(internalEndpoint_));
+  } catch (...) {
+    changes_.pop_back();
+    throw;
+  }
 }
 
 std::shared_ptr<Service> RpcBrokerImpl::findLocalService(const std::string& service,
@@ -169,19 +177,20 @@ RpcBrokerImpl::Entry RpcBrokerImpl::enterLifecycle() {
     lifecycleMutex_.lock();
     return Entry::kEntered;
   }
-  while (!stopping_) {
+  while (!waitingForCalls_) {
     if (lifecycleMutex_.tryLock()) return Entry::kEntered;
     std::this_thread::sleep_for(std::chrono::milliseconds(1));
   }
-  return Entry::kDuringStop;
+  return Entry::kWaitedFor;
 }
 
 void RpcBrokerImpl::start() {
-  // Otherwise it runs, or it is as if this came just before that stop.
+  // Otherwise it runs or is about to, or it is as if this came just before that stop.
   if (enterLifecycle() != Entry::kEntered) return;
   lifecycleMutex_.assertHeld();
   const Lock lock(lifecycleMutex_, std::adopt_lock);
   if (thread_.joinable()) return;
+  const Raised waiting(waitingForCalls_);  // the dispatcher may serve what it has kept
   dispatcher_->start();
   stopRequested_ = false;
   try {
@@ -205,7 +214,7 @@ void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
   lifecycleMutex_.assertHeld();
   const Lock lock(lifecycleMutex_, std::adopt_lock);
   if (!thread_.joinable()) return;
-  const Raised stopping(stopping_);
+  const Raised waiting(waitingForCalls_);
   closeRegistry();
   joinThread();
   std::exception_ptr thrown;
@@ -249,6 +258,7 @@ void RpcBrokerImpl::leave() {
   {
     const Lock lock(registryMutex_);
     withdrawn.swap(withdrawn_);
+    changes_.clear();
   }
   announce(withdrawn, Announce::kWithdraw);
 }
@@ -259,6 +269,8 @@ void RpcBrokerImpl::dropQueuedRegistrations() {
   ZmqFrame dropped;
   while (internalSocket_.receive(dropped, ZMQ_DONTWAIT)) {
   }
+  const Lock lock(registryMutex_);
+  changes_.clear();
 }
 
 void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {
@@ -376,8 +388,27 @@ bool RpcBrokerImpl::serveInternal() {
   }
   if (header.type != kMessageRegistration) throwUnexpected();
   MessageRegistration registration(std::move(header));
-  if (registration.receive(internalSocket_)) registration.send(mainSocket_);
+  if (registration.receive(internalSocket_)) forward(registration);
   return true;
+}
+
+// Those of different threads overtake each other on their way here. They leave in the order in
+// which they were made, with each that arrives the first that has not left: the master would go by
+// a stale one for ever.
+void RpcBrokerImpl::forward(MessageRegistration& registration) {
+  std::optional<Change> next;
+  {
+    const Lock lock(registryMutex_);
+    if (!changes_.empty()) {
+      next = std::move(changes_.front());
+      changes_.pop_front();
+    }
+  }
+  if (next.has_value()) {
+    announce({next->second}, next->first);
+  } else {
+    registration.send(mainSocket_);
+  }
 }
 
 }  // namespace tessel

@@ -3,6 +3,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <deque>
 #include <map>
 #include <memory>
 #include <string>
@@ -10,6 +11,7 @@
 #include <vector>
 
 #include "messages/message_header.h"
+#include "messages/message_registration.h"
 #include "messages/message_request.h"
 #include "rpc/observer_data.h"
 #include "rpc/service_key.h"
@@ -79,9 +81,10 @@ class RpcBrokerImpl {
   using ServiceKeys = std::vector<ServiceKey>;
   using Services = std::map<ServiceKey, std::shared_ptr<Service>, ServiceKeyLess>;
   enum class Announce { kOffer, kWithdraw };
+  using Change = std::pair<Announce, ServiceKey>;
   // What becomes of a start() or stop(): it goes ahead, with the lock held; or it does not, since
-  // the broker's own thread makes it, or one that a stop() under way may be waiting for.
-  enum class Entry { kEntered, kOnOwnThread, kDuringStop };
+  // the broker's own thread makes it, or one that may be waited for by whoever holds the lock.
+  enum class Entry { kEntered, kOnOwnThread, kWaitedFor };
 
   void run(const ServiceKeys& announced);
   void leave() TESSEL_EXCLUDES(registryMutex_);
@@ -93,8 +96,8 @@ class RpcBrokerImpl {
   void serveRegistration(MessageHeader&& header);
   void answerNotFound(MessageRequest& request);
   void announce(const ServiceKeys& services, Announce what);
-  void announceFromThisThread(const Service& service, Announce what)
-      TESSEL_REQUIRES(registryMutex_);
+  void announceFromThisThread(const ServiceKey& key, Announce what) TESSEL_REQUIRES(registryMutex_);
+  void forward(MessageRegistration& registration) TESSEL_EXCLUDES(registryMutex_);
   ServiceKeys openRegistry() TESSEL_EXCLUDES(registryMutex_);
   void closeRegistry() TESSEL_EXCLUDES(registryMutex_);
   Entry enterLifecycle() TESSEL_NO_THREAD_SAFETY_ANALYSIS;
@@ -113,8 +116,9 @@ class RpcBrokerImpl {
 
   Mutex lifecycleMutex_;  // orders start() and stop(); taken before the registry's lock
   std::thread thread_ TESSEL_GUARDED_BY(lifecycleMutex_);  // joinable until a stop() has joined it
-  std::atomic<bool> stopping_{false};                      // set under lifecycleMutex_ only
-  std::atomic<std::thread::id> threadId_{};                // set by the broker thread while it runs
+  // Whoever holds lifecycleMutex_ may be waiting for a call that is being served.
+  std::atomic<bool> waitingForCalls_{false};
+  std::atomic<std::thread::id> threadId_{};  // set by the broker thread while it runs
   std::atomic<bool> stopRequested_{false};
   ZmqEvent stopEvent_;  // signalled and consumed under lifecycleMutex_ only
   PollSet poll_;        // the broker thread's own
@@ -125,6 +129,8 @@ class RpcBrokerImpl {
   Services services_ TESSEL_GUARDED_BY(registryMutex_);
   // Calls of this process are served, and a slave tells its master what is registered.
   bool serving_ TESSEL_GUARDED_BY(registryMutex_) = false;
+  // What a slave's thread has been told by others and not read yet, in the order of the calls.
+  std::deque<Change> changes_ TESSEL_GUARDED_BY(registryMutex_);
   // What the slave's thread takes back when it leaves: all that was offered while it served.
   ServiceKeys withdrawn_ TESSEL_GUARDED_BY(registryMutex_);
 

@@ -344,6 +344,39 @@ TEST(RpcBrokerRaces, TheMasterKnowsExactlyWhatASlaveOffers) {
   }
 }
 
+// Each thread has a way of its own to the broker's thread, which reads them in turn.
+TEST(RpcBrokerRaces, TheMasterHearsOfTheChangesOfSeveralThreadsInTheirOrder) {
+  const Watchdog watchdog("changes of several threads");
+  RawMaster raw;
+  const auto dispatcher = std::make_shared<StuckDispatcher>();
+  RpcBroker slave(false, {raw.endpoint}, dispatcher);
+  slave.registerService(makeEcho("a", "first"));
+  slave.start();
+  Frames asked = request("a", "first");
+  asked.insert(asked.begin(), {raw.next().identity, "client"});
+  raw.router.send(asked);
+  dispatcher->inside.pass();
+  std::vector<RawMaster::Registration> expected;
+  for (int round = 0; round < 3; ++round) {
+    for (const char* name : {"x", "y", "z"}) {
+      const auto service = makeEcho(name, std::to_string(round));
+      for (const bool offered : {true, false, true}) {
+        const auto change = [&] {
+          offered ? slave.registerService(service) : slave.unregisterService(service);
+        };
+        if (offered) {
+          change();
+        } else {
+          std::thread(change).join();
+        }
+        expected.push_back({"", offered, name, std::to_string(round)});
+      }
+    }
+  }
+  dispatcher->gate.open();
+  for (const auto& change : expected) ASSERT_EQ(raw.next(), change);
+}
+
 TEST(RpcBrokerRaces, WhatWasQueuedAtAStopIsNotReplayedAfterTheNextStart) {
   const Watchdog watchdog("registrations queued at a stop");
   RawMaster raw;

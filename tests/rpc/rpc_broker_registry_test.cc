@@ -18,6 +18,7 @@ namespace tessel::test {
 namespace {
 
 using testing::ElementsAre;
+using testing::IsEmpty;
 
 static_assert(!std::is_copy_constructible<RpcBroker>::value, "it owns a thread and sockets");
 static_assert(!std::is_copy_assignable<RpcBroker>::value, "it owns a thread and sockets");
@@ -131,6 +132,36 @@ TEST(RpcBrokerRegistry, AServiceMayUnregisterOthersWhileItIsReleased) {
   service.reset();
   broker.unregisterService(same);  // releases the last owner
   EXPECT_EQ(other.use_count(), 1);
+}
+
+TEST(RpcBrokerRegistry, AServiceMayCallABrokerThatIsDestroyedWithIt) {
+  const auto observer = std::make_shared<RecordingRpcObserver>();
+  const auto watching = std::make_shared<RecordingRpcObserver>();
+  const auto other = answering("other", "i", "");
+  {
+    RpcBroker broker(true, {}, std::make_shared<KeepingDispatcher>());
+    struct Leaving : FunctionService {
+      Leaving(RpcBroker& at, std::shared_ptr<Service> released,
+              std::shared_ptr<RpcBrokerObserver> detached)
+          : FunctionService("s", "i", nullptr),
+            broker_(at),
+            other_(std::move(released)),
+            observer_(std::move(detached)) {}
+      ~Leaving() override {
+        broker_.detach(observer_);
+        broker_.unregisterService(other_);
+      }
+      RpcBroker& broker_;
+      const std::shared_ptr<Service> other_;
+      const std::shared_ptr<RpcBrokerObserver> observer_;
+    };
+    broker.registerService(std::make_shared<Leaving>(broker, other, observer));
+    broker.attach(observer);
+    broker.attach(watching);
+    broker.start();
+  }
+  EXPECT_THAT(observer->journal.lines(), IsEmpty());
+  EXPECT_THAT(watching->journal.lines(), ElementsAre("unregistered other i local"));
 }
 
 TEST(RpcBrokerRegistry, LooksUpForThisProcessOnlyWhileItRuns) {

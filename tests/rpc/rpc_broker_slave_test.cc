@@ -190,6 +190,28 @@ TEST_F(RpcBrokerSlave, WhatCannotBeAnnouncedIsNotRegistered) {
   expectNothingSent();
 }
 
+TEST_F(RpcBrokerSlave, WhatCannotBeTakenBackStaysRegistered) {
+  const auto service = answering("s", "i", "ok");
+  startWith(service);
+  {
+    const SocketBudget everySocket;
+    const ScopedThread withoutASocketYet(
+        [&] { EXPECT_ZMQ_ERROR(slave->unregisterService(service), EMFILE); });
+  }
+  EXPECT_EQ(textOf<std::logic_error>([&] { slave->registerService(service); }),
+            "service already registered");
+  ASSERT_TRUE(eventually([&] {
+    try {
+      slave->unregisterService(service);
+      return true;
+    } catch (const std::runtime_error&) {
+      return false;
+    }
+  }));
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+  expectNothingSent();
+}
+
 TEST_F(RpcBrokerSlave, AnnouncesWithOneIdentityWhateverThreadRegisters) {
   const std::string identity = startWith(answering("s", "0", ""));
   std::thread([&] { slave->registerService(answering("s", "1", "")); }).join();

@@ -153,5 +153,40 @@ TEST(RpcBrokerUnderStops, AServiceOfAStoppedBrokerStartsAndStopsItLikeAnyoneElse
   EXPECT_EQ(client.receive(), result("x"));
 }
 
+// Runs at its start what it has kept.
+class CatchingUpDispatcher : public KeepingDispatcher {
+ public:
+  void start() override {
+    KeepingDispatcher::start();
+    while (size() != 0) runOne();
+  }
+};
+
+TEST(RpcBrokerUnderStops, AServiceThatTheStartItselfWaitsForNeitherStartsNorStopsTheBroker) {
+  const Watchdog watchdog("a service served by the start of its broker");
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<CatchingUpDispatcher>();
+  RpcBroker broker(true, {endpoint}, dispatcher);
+  int refusals = 0;
+  broker.registerService(makeService("s", "i", [&](const auto&, const std::string& data) {
+    broker.start();
+    try {
+      broker.stop();
+    } catch (const std::system_error& error) {
+      if (error.code() == std::errc::resource_deadlock_would_occur) ++refusals;
+    }
+    return data;
+  }));
+  broker.start();
+  RawPeer client(ZMQ_DEALER);
+  client.connect(endpoint).send(request("s", "i", "m", "x"));
+  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
+  broker.stop();
+  broker.start();
+  EXPECT_EQ(client.receive(), result("x"));  // so it runs
+  EXPECT_EQ(refusals, 1);
+  EXPECT_EQ(dispatcher->starts, 2);
+}
+
 }  // namespace
 }  // namespace tessel::test
