@@ -56,6 +56,7 @@ const KeptValue* LastValueCache::find(const std::string& key) const {
 bool LastValueCache::erase(const std::string& key) { return values_.erase(key) != 0; }
 
 void LastValueCache::clear() {
+  values_.clear();  // also when there is no memory for the few buckets of the beginning
   values_ = std::unordered_map<std::string, KeptValue>(kInitialBuckets);
   values_.max_load_factor(1.0F);
 }

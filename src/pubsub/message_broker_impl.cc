@@ -60,7 +60,11 @@ MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTranspo
   number_.settle();
 }
 
-MessageBrokerImpl::~MessageBrokerImpl() { stop(false, false); }
+MessageBrokerImpl::~MessageBrokerImpl() {
+  // Below this on the stack is the stop() that clears, with locks of the broker.
+  if (clearingThreadId_ == std::this_thread::get_id()) std::terminate();
+  stop(false, false);
+}
 
 void MessageBrokerImpl::start() {
   // From an observer: it runs, and who holds the lock may be waiting for this thread to end.
@@ -81,6 +85,7 @@ void MessageBrokerImpl::stop(bool clearCache, bool clearObservers) {
   // From an observer that hears of the clearing, or the destructor of one that lost its last owner
   // then: this thread holds the lock, and the broker has stopped.
   if (clearingThreadId_ == std::this_thread::get_id()) return;
+  ObserverList<MessageBrokerObserver>::Entries detached;  // released after the lock
   const Lock lock(threadMutex_);
   if (!thread_.joinable()) return;
   stopRequested_ = true;
@@ -89,7 +94,7 @@ void MessageBrokerImpl::stop(bool clearCache, bool clearObservers) {
   stopSignal_.consume();  // here, since the loop may have ended by the flag without it
   std::exception_ptr thrown;
   if (clearCache) thrown = forgetCachedValues();
-  if (clearObservers) observers_.clear();
+  if (clearObservers) detached = observers_.takeAll();
   if (thrown != nullptr) std::rethrow_exception(thrown);
 }
 
@@ -214,17 +219,24 @@ void MessageBrokerImpl::greetSubscriber() {
 std::exception_ptr MessageBrokerImpl::forgetCachedValues() {
   const NamedThread clearing(clearingThreadId_);
   std::exception_ptr thrown;
+  const auto keepFirst = [&thrown](const auto& call) {
+    try {
+      call();
+    } catch (...) {
+      if (thrown == nullptr) thrown = std::current_exception();
+    }
+  };
   cache_.forEachKey([&](const std::string& key) {
-    const TopicAndTag parts = splitKey(key);
-    observers_.notify([&](MessageBrokerObserver& observer) {
-      try {
-        observer.onUnpublish(parts.topic, parts.tag, true, true, false);
-      } catch (...) {
-        if (thrown == nullptr) thrown = std::current_exception();
-      }
+    keepFirst([&] {  // there may be no memory
+      const TopicAndTag parts = splitKey(key);
+      std::vector<std::shared_ptr<MessageBrokerObserver>> called;
+      const auto tell = [&](MessageBrokerObserver& observer) {
+        keepFirst([&] { observer.onUnpublish(parts.topic, parts.tag, true, true, false); });
+      };
+      observers_.notify(tell, called);
     });
   });
-  cache_.clear();
+  keepFirst([this] { cache_.clear(); });
   return thrown;
 }
 

@@ -10,6 +10,8 @@
 namespace tessel {
 namespace {
 
+constexpr std::size_t kWakeItem = 0;  // in the poll set
+
 [[noreturn]] void throwDeadlock() {
   throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
 }
@@ -114,7 +116,7 @@ void MessageDispatcherImpl::run() {
   cache_.resubscribeAll();
   while (serveOnce()) {
   }
-  // A callback that has begun may wait for one that nobody was called for yet.
+  // A callback that runs may wait for one that nobody was called for yet, which still may begin.
   deliveries_.callWorkers(*deliveryQueue_);
   updates_.unsubscribeAll();
   cache_.unsubscribeAll();
@@ -123,12 +125,14 @@ void MessageDispatcherImpl::run() {
 
 bool MessageDispatcherImpl::serveOnce() {
   if (stopRequested_) return false;
+  bool woken = false;
   if (idle_) {  // only when nothing waits: a poll costs several system calls
     deliveries_.callWorkers(*deliveryQueue_);
     poll_.wait();
+    woken = poll_.readable(kWakeItem);  // also before the thread that signals could say so
   }
   if (stopRequested_) return false;
-  if (wakePending_) {
+  if (woken || wakePending_) {
     applyRegistrations();
     connectAgain();
   }

@@ -207,7 +207,9 @@ void RpcBrokerImpl::start() {
 }
 
 void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
-  Services released;  // after the locks: their destructors may call the broker
+  // Both after the locks: their destructors may call the broker.
+  Services released;
+  ObserverData::Entries detached;
   const Entry entry = enterLifecycle();
   if (entry == Entry::kOnOwnThread) stopRequested_ = true;
   if (entry != Entry::kEntered) throwDeadlock();
@@ -228,7 +230,7 @@ void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
     released.swap(services_);
     remoteServices_.clear();
   }
-  if (clearObservers) observers_->clear();
+  if (clearObservers) detached = observers_->takeAll();
   if (thrown != nullptr) std::rethrow_exception(thrown);
 }
 

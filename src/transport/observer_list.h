@@ -10,43 +10,46 @@
 namespace tessel {
 
 /// Observers in order of attachment, held weakly: the application owns them. Any thread.
+///
+/// Nothing of theirs is released with the lock held. With the last reference goes a destructor,
+/// with the last weak one what the application gave its shared_ptr besides, and both may call the
+/// list.
 template <typename Observer>
 class ObserverList {
  public:
+  using Entries = std::vector<std::weak_ptr<Observer>>;
+
   void attach(const std::shared_ptr<Observer>& observer) TESSEL_EXCLUDES(mutex_) {
     if (observer == nullptr) return;
+    removeExpired();
     const Lock lock(mutex_);
     observers_.push_back(observer);  // again, if it is there already
   }
 
   /// Removes every entry of the observer, and those that have expired.
   void detach(const std::shared_ptr<Observer>& observer) TESSEL_EXCLUDES(mutex_) {
-    // Declared first, destroyed last: an observer that only we keep alive may detach others.
+    removeExpired();
     std::vector<std::shared_ptr<Observer>> kept;
     const Lock lock(mutex_);
-    removeIf([&](const std::weak_ptr<Observer>& entry) {
-      std::shared_ptr<Observer> alive = entry.lock();
-      if (alive == nullptr) return true;
-      const bool same = alive == observer;
-      kept.push_back(std::move(alive));
-      return same;
-    });
+    const auto isIt = [&](const std::weak_ptr<Observer>& entry) {
+      kept.push_back(entry.lock());
+      return kept.back() != nullptr && kept.back() == observer;
+    };
+    observers_.erase(std::remove_if(observers_.begin(), observers_.end(), isIt), observers_.end());
   }
 
-  void clear() TESSEL_EXCLUDES(mutex_) {
+  /// Removes all; they are the caller's to release, after locks of its own.
+  [[nodiscard]] Entries takeAll() TESSEL_EXCLUDES(mutex_) {
+    Entries taken;
     const Lock lock(mutex_);
-    observers_.clear();
+    taken.swap(observers_);
+    return taken;
   }
 
   /// Those that are alive, in order, for calls without the lock.
   std::vector<std::shared_ptr<Observer>> snapshot() TESSEL_EXCLUDES(mutex_) {
     std::vector<std::shared_ptr<Observer>> alive;
-    const Lock lock(mutex_);
-    removeExpired();
-    alive.reserve(observers_.size());
-    for (const std::weak_ptr<Observer>& entry : observers_) {
-      if (std::shared_ptr<Observer> observer = entry.lock()) alive.push_back(std::move(observer));
-    }
+    if (visit(alive, [](Observer& /*observer*/) {})) removeExpired();
     return alive;
   }
 
@@ -54,9 +57,8 @@ class ObserverList {
   /// detach() of other threads wait until the pass is over; observers may not call them.
   template <typename Call>
   void notify(const Call& call) TESSEL_EXCLUDES(mutex_) {
-    // Released after the lock: the last owner's release runs a destructor, which may detach.
     std::vector<std::shared_ptr<Observer>> called;
-    notify(call, called);
+    if (visit(called, call)) removeExpired();
   }
 
   /// The same for a caller that holds locks of its own: they are to be released before `called`,
@@ -64,29 +66,46 @@ class ObserverList {
   template <typename Call>
   void notify(const Call& call, std::vector<std::shared_ptr<Observer>>& called)
       TESSEL_EXCLUDES(mutex_) {
-    const Lock lock(mutex_);
-    removeExpired();
-    called.reserve(called.size() + observers_.size());
-    for (const std::weak_ptr<Observer>& entry : observers_) {
-      std::shared_ptr<Observer> alive = entry.lock();
-      if (alive == nullptr) continue;
-      called.push_back(std::move(alive));
-      call(*called.back());
-    }
+    visit(called, call);
   }
 
  private:
-  template <typename Predicate>
-  void removeIf(const Predicate& predicate) TESSEL_REQUIRES(mutex_) {
-    observers_.erase(std::remove_if(observers_.begin(), observers_.end(), predicate),
-                     observers_.end());
+  // Whether there are some that have expired.
+  template <typename Call>
+  bool visit(std::vector<std::shared_ptr<Observer>>& alive, const Call& call)
+      TESSEL_EXCLUDES(mutex_) {
+    bool expired = false;
+    const Lock lock(mutex_);
+    alive.reserve(alive.size() + observers_.size());
+    for (const std::weak_ptr<Observer>& entry : observers_) {
+      std::shared_ptr<Observer> observer = entry.lock();
+      if (observer == nullptr) {
+        expired = true;
+        continue;
+      }
+      alive.push_back(std::move(observer));
+      call(*alive.back());
+    }
+    return expired;
   }
-  void removeExpired() TESSEL_REQUIRES(mutex_) {
-    removeIf([](const std::weak_ptr<Observer>& entry) { return entry.expired(); });
+
+  // One by one, which needs no memory.
+  void removeExpired() TESSEL_EXCLUDES(mutex_) {
+    for (bool more = true; more;) {
+      std::weak_ptr<Observer> released;
+      const Lock lock(mutex_);
+      const auto gone =
+          std::find_if(observers_.begin(), observers_.end(),
+                       [](const std::weak_ptr<Observer>& entry) { return entry.expired(); });
+      more = gone != observers_.end();
+      if (!more) continue;
+      released = std::move(*gone);
+      observers_.erase(gone);
+    }
   }
 
   Mutex mutex_;
-  std::vector<std::weak_ptr<Observer>> observers_ TESSEL_GUARDED_BY(mutex_);
+  Entries observers_ TESSEL_GUARDED_BY(mutex_);
 };
 
 }  // namespace tessel

@@ -12,6 +12,7 @@
 #include <system_error>
 
 #include "support/broker_peers.h"
+#include "support/calling_allocator.h"
 #include "support/no_hang.h"
 #include "support/threads.h"
 #include "support/zmq_errors.h"
@@ -907,6 +908,20 @@ TEST_F(BrokerLife, StartAndStopFromAnObserverThatHearsOfTheClearingDoNothing) {
   EXPECT_THAT(observer->journal.lines(), SizeIs(4));  // it has heard of both as well
   broker.start();
   expectServes();
+}
+
+TEST_F(BrokerLife, MayBeStoppedByWhatIsFreedWithAnObserverThatAStopDetaches) {
+  int calls = 0;
+  const std::function<void()> stopIt = [&] {
+    ++calls;
+    broker.stop();
+  };
+  auto going = callingWhenFreed<RecordingBrokerObserver>(stopIt);
+  broker.attach(going);
+  broker.start();
+  going.reset();
+  withoutHanging("stopping", [&] { broker.stop(false, true); });
+  EXPECT_EQ(calls, 1);
 }
 
 }  // namespace

@@ -352,6 +352,35 @@ TEST_F(BrokerObservers, AreCalledOnTheBrokersThread) {
   broker.stop();
 }
 
+// The stop() that clears would go on with what is destroyed.
+TEST(BrokerObserversDeathTest, DestructionOfTheBrokerThatClearsItsCacheEndsTheProcess) {
+  GTEST_FLAG_SET(death_test_style, "threadsafe");
+  struct Destroying : NamedObserver {
+    using NamedObserver::NamedObserver;
+    void onPublish(const std::string&, const std::string&, bool, bool, bool) override {
+      published.open();
+    }
+    void onUnpublish(const std::string&, const std::string&, bool, bool, bool) override {
+      broker.reset();
+    }
+    Gate published;
+    std::unique_ptr<MessageBroker> broker = std::make_unique<MessageBroker>(
+        std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
+  };
+  const auto destroyIt = [] {
+    Journal journal;
+    const auto destroying = std::make_shared<Destroying>("destroying", journal);
+    RawPeer in(ZMQ_PUSH);
+    in.connect(destroying->broker->getInprocPullTransport());
+    destroying->broker->attach(destroying);
+    destroying->broker->start();
+    in.send(publication("t", "g", "", 1));
+    destroying->published.pass();
+    destroying->broker->stop(true, false);
+  };
+  EXPECT_EXIT(destroyIt(), ::testing::KilledBySignal(SIGABRT), "terminate called");
+}
+
 TEST(BrokerObserversDeathTest, DestructionOfTheBrokerEndsTheProcess) {
   GTEST_FLAG_SET(death_test_style, "threadsafe");
   struct Destroying : NamedObserver {

@@ -6,13 +6,18 @@
 #include <tessel/message_dispatcher.h>
 #include <zmq.h>
 
+#include <functional>
 #include <map>
+#include <memory>
+#include <set>
 #include <string>
 #include <vector>
 
 #include "support/broker_peers.h"
 #include "support/raw_broker.h"
+#include "support/recorders.h"
 #include "support/stand_in.h"
+#include "support/threads.h"
 
 namespace {
 
@@ -28,6 +33,8 @@ struct Marks {
 thread_local std::map<std::string, Marks> marks;
 
 thread_local std::vector<int> sentOn;  // the types of the sockets, for each frame
+
+thread_local std::function<void()> afterSignal;  // when this thread has sent one
 
 int optionOf(void* socket, int option) {
   int value = -1;
@@ -53,8 +60,11 @@ int zmq_connect(void* socket, const char* endpoint) {
   return real("zmq_connect", &zmq_connect)(socket, endpoint);
 }
 int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
-  sentOn.push_back(optionOf(socket, ZMQ_TYPE));
-  return real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
+  const int type = optionOf(socket, ZMQ_TYPE);
+  sentOn.push_back(type);
+  const int result = real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
+  if (type == ZMQ_PAIR && afterSignal) afterSignal();
+  return result;
 }
 
 }  // extern "C"
@@ -104,6 +114,36 @@ TEST(BrokerSends, ToTheUpdatesSideFirst) {
     at.withdraw("t", "g", options);
     EXPECT_EQ(sentOn, both);
   }
+}
+
+// The thread that registers may be held up between its signal and what the signal is about.
+TEST(DispatcherThatIsSignalled, SleepsUntilItHearsWhatFor) {
+  RawBroker broker;
+  MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  const std::set<int> before = threadNumbers();
+  dispatcher.start();
+  std::set<int> own;
+  for (const int thread : threadNumbers()) {
+    if (before.count(thread) == 0) own.insert(thread);
+  }
+  EXPECT_EQ(own.size(), 2U);
+  bool held = false;
+  afterSignal = [&] {
+    held = true;
+    for (const int thread : own) EXPECT_TRUE(waitUntilAsleep(thread));
+  };
+  dispatcher.registerSubscriber(
+      std::make_shared<RecordingSubscriber>(SubscriptionMode::AllValues, "gone", ""));
+  const auto subscriber =
+      std::make_shared<RecordingSubscriber>(SubscriptionMode::AllValues, "t", "");
+  dispatcher.registerSubscriber(subscriber);
+  afterSignal = nullptr;
+  EXPECT_TRUE(held);
+  Frames message = broker.cache.receive();
+  if (message == subscribed("gone:default")) message = broker.cache.receive();
+  EXPECT_EQ(message == unsubscribed("gone:default") ? broker.cache.receive() : message,
+            subscribed("t:default"));
+  dispatcher.stop();
 }
 
 }  // namespace

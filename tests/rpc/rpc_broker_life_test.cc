@@ -1,7 +1,9 @@
+#include <functional>
 #include <system_error>
 #include <thread>
 
 #include "life_fixture.h"
+#include "support/calling_allocator.h"
 
 namespace tessel::test {
 namespace {
@@ -460,6 +462,44 @@ TEST(RpcBrokerLife, ASlaveOffersWhatIsThereAtEachStartAndTakesItBackAtEachStop) 
   slave->registerService(makeEcho("~", "marker"));
   slave->start();
   EXPECT_EQ(raw.next(), (RawMaster::Registration{"", true, "~", "marker"}));
+}
+
+TEST(RpcBrokerLife, MayBeStoppedByWhatIsFreedWithAnObserverThatAStopDetaches) {
+  const Watchdog watchdog("stopping while an observer's memory is freed");
+  RpcBroker broker(true, {}, std::make_shared<KeepingDispatcher>());
+  int calls = 0;
+  const std::function<void()> stopIt = [&] {
+    ++calls;
+    broker.stop();
+    broker.start();
+  };
+  auto going = callingWhenFreed<QuietObserver>(stopIt);
+  broker.attach(going);
+  broker.start();
+  going.reset();
+  broker.stop(false, true);
+  EXPECT_EQ(calls, 1);
+}
+
+// Also when the broker is told of a service, with its registry locked.
+TEST(RpcBrokerLife, MayBeCalledByWhatIsFreedWithAnObserverThatIsGone) {
+  const Watchdog watchdog("registering while an observer's memory is freed");
+  RpcBroker broker(true, {}, std::make_shared<KeepingDispatcher>());
+  int calls = 0;
+  const std::function<void()> callIt = [&] {
+    ++calls;
+    const auto service = makeEcho("of", "the observer");
+    broker.registerService(service);
+    broker.unregisterService(service);
+  };
+  auto going = callingWhenFreed<QuietObserver>(callIt);
+  broker.attach(going);
+  going.reset();
+  const auto service = makeEcho("s", "i");
+  broker.registerService(service);
+  broker.unregisterService(service);
+  broker.detach(nullptr);
+  EXPECT_EQ(calls, 1);
 }
 
 }  // namespace

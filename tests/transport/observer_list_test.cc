@@ -10,8 +10,10 @@
 #include <thread>
 #include <vector>
 
+#include "support/calling_allocator.h"
 #include "support/counting_allocator.h"
 #include "support/deadline.h"
+#include "support/no_hang.h"
 
 namespace tessel::test {
 namespace {
@@ -89,7 +91,7 @@ TEST(ObserverList, DoesNotKeepTheMemoryOfThoseThatAreGone) {
       [](List& list) { list.snapshot(); },
       [](List& list) { list.detach(nullptr); },
       [](List& list) { list.detach(std::make_shared<Observer>("never attached")); },
-      [](List& list) { list.clear(); },
+      [](List& list) { const List::Entries released = list.takeAll(); },
   };
   for (const auto& walk : walks) {
     List list;
@@ -103,6 +105,37 @@ TEST(ObserverList, DoesNotKeepTheMemoryOfThoseThatAreGone) {
     EXPECT_EQ(blocks, 3);
     walk(list);
     EXPECT_EQ(blocks, 2);
+  }
+}
+
+// With the last weak reference goes what the application gave its shared_ptr besides.
+TEST(ObserverList, MayBeCalledByWhatIsFreedWithAnObserver) {
+  const auto other = std::make_shared<Observer>("other");
+  const std::function<void(List&)> walks[] = {
+      [](List& list) { called(list); },
+      [](List& list) { list.snapshot(); },
+      [](List& list) { list.detach(nullptr); },
+      [&](List& list) { list.attach(other); },
+      [](List& list) { const List::Entries released = list.takeAll(); },
+  };
+  for (const auto& walk : walks) {
+    List list;
+    int calls = 0;
+    const std::function<void()> callList = [&] {
+      ++calls;
+      list.attach(other);
+      called(list);
+      list.detach(other);
+    };
+    auto first = callingWhenFreed<Observer>(callList, "first");
+    auto second = callingWhenFreed<Observer>(callList, "second");
+    for (const auto& observer : {first, second, first}) list.attach(observer);
+    first.reset();
+    second.reset();
+    withoutHanging("walking along the list", [&] { walk(list); });
+    EXPECT_EQ(calls, 2);
+    const List::Entries rest = list.takeAll();
+    for (const auto& entry : rest) EXPECT_EQ(entry.lock(), other);
   }
 }
 
@@ -142,12 +175,12 @@ TEST(ObserverList, NullDoesNothing) {
   EXPECT_EQ(called(list), "a");
 }
 
-TEST(ObserverList, ClearDetachesAll) {
+TEST(ObserverList, TakingAllDetachesThem) {
   List list;
   const auto a = std::make_shared<Observer>("a");
   list.attach(a);
   list.attach(a);
-  list.clear();
+  EXPECT_EQ(list.takeAll().size(), 2U);
   EXPECT_EQ(called(list), "");
   list.attach(a);
   EXPECT_EQ(called(list), "a");
@@ -162,7 +195,7 @@ TEST(ObserverList, ASnapshotHoldsThoseThatAreAliveInOrder) {
   a.reset();
   const auto snapshot = list.snapshot();
   EXPECT_EQ(snapshot, (std::vector<std::shared_ptr<Observer>>{b, c, b}));
-  list.clear();  // not locked
+  EXPECT_EQ(list.takeAll().size(), 3U);  // not locked
   EXPECT_EQ(list.snapshot().size(), 0U);
 }
 
