@@ -27,7 +27,7 @@ constexpr char kUnsubscribe = 0;
 class NamedThread {
  public:
   explicit NamedThread(std::atomic<std::thread::id>& name) : name_(name) {
-    name_ = std::this_thread::get_id();
+    name_.store(std::this_thread::get_id());
   }
   ~NamedThread() { name_ = std::thread::id(); }
   NamedThread(const NamedThread&) = delete;

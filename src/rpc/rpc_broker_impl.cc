@@ -40,7 +40,7 @@ std::shared_ptr<RpcDispatcher> notNull(std::shared_ptr<RpcDispatcher> dispatcher
 // True while it exists.
 class Raised {
  public:
-  explicit Raised(std::atomic<bool>& flag) : flag_(flag) { flag_ = true; }
+  explicit Raised(std::atomic<bool>& flag) : flag_(flag) { flag_.store(true); }
   ~Raised() { flag_ = false; }
   Raised(const Raised&) = delete;
   Raised& operator=(const Raised&) = delete;

@@ -104,6 +104,7 @@ class RpcBrokerImpl {
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
+  bool idle_ = true;  // the broker thread's own: the last pass found nothing to read
   BrokerNumber number_{BrokerKind::kRpc};
   const std::string routerEndpoint_;
   const std::string internalEndpoint_;
@@ -112,13 +113,12 @@ class RpcBrokerImpl {
   ZmqSocket mainSocket_;
   ZmqSocket internalSocket_;
   std::map<ServiceKey, std::vector<std::uint8_t>, ServiceKeyLess> remoteServices_;
-  bool idle_ = true;  // the last pass found nothing to read
 
   Mutex lifecycleMutex_;  // orders start() and stop(); taken before the registry's lock
   std::thread thread_ TESSEL_GUARDED_BY(lifecycleMutex_);  // joinable until a stop() has joined it
+  std::atomic<std::thread::id> threadId_{};                // set by the broker thread while it runs
   // Whoever holds lifecycleMutex_ may be waiting for a call that is being served.
   std::atomic<bool> waitingForCalls_{false};
-  std::atomic<std::thread::id> threadId_{};  // set by the broker thread while it runs
   std::atomic<bool> stopRequested_{false};
   ZmqEvent stopEvent_;  // signalled and consumed under lifecycleMutex_ only
   PollSet poll_;        // the broker thread's own
