@@ -70,11 +70,12 @@ class TESSEL_EXPORT RpcBroker {
   void unregisterService(const std::shared_ptr<Service>& service);
 
   /// Adds an observer at the end of the list, once more if it is there already. The broker does not
-  /// keep it alive.
+  /// keep it alive. Waits while observers are told of a registration, or that nobody has a service,
+  /// so they must not call it then.
   ///
   /// @param observer the one to add; a null pointer is ignored
   void attach(const std::shared_ptr<RpcBrokerObserver>& observer);
-  /// Removes every entry of the observer. Calls under way still tell it.
+  /// Removes every entry of the observer. Calls under way still tell it. Waits as attach() does.
   ///
   /// @param observer the one to remove; a null pointer is ignored
   void detach(const std::shared_ptr<RpcBrokerObserver>& observer);

@@ -44,7 +44,9 @@ class TESSEL_EXPORT RpcClient {
   RpcClient& operator=(const RpcClient&) = delete;
 
   /// Calls a method and waits for its end: for the time-out at most, or as long as a service runs
-  /// that is called directly. A call that timed out may still run; its answer is dropped.
+  /// that is called directly. A client made on a broker also waits, without a time-out, while
+  /// observers of that broker are told of a registration. A call that timed out may still run; its
+  /// answer is dropped.
   ///
   /// @param service the service's first name
   /// @param instance the service's second name

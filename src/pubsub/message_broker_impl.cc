@@ -229,11 +229,9 @@ std::exception_ptr MessageBrokerImpl::forgetCachedValues() {
   cache_.forEachKey([&](const std::string& key) {
     keepFirst([&] {  // there may be no memory
       const TopicAndTag parts = splitKey(key);
-      std::vector<std::shared_ptr<MessageBrokerObserver>> called;
-      const auto tell = [&](MessageBrokerObserver& observer) {
+      observers_.notify([&](MessageBrokerObserver& observer) {
         keepFirst([&] { observer.onUnpublish(parts.topic, parts.tag, true, true, false); });
-      };
-      observers_.notify(tell, called);
+      });
     });
   });
   keepFirst([this] { cache_.clear(); });

@@ -101,7 +101,7 @@ RpcBrokerImpl::~RpcBrokerImpl() {
 }
 
 void RpcBrokerImpl::registerService(const std::shared_ptr<Service>& service) {
-  ObserverSnapshot told;  // released after the lock: their destructors may call the broker
+  ObserverData::Told told;  // released after the lock: their destructors may call the broker
   const Lock lock(registryMutex_);
   const ServiceKey key(service->getServiceName(), service->getInstanceName());
   const auto entry = services_.emplace(key, service);
@@ -122,7 +122,7 @@ void RpcBrokerImpl::unregisterService(const std::shared_ptr<Service>& service) {
   const ServiceKey key(service->getServiceName(), service->getInstanceName());
   // Both after the lock: their destructors may call the broker.
   Services::node_type released;
-  ObserverSnapshot told;
+  ObserverData::Told told;
   const Lock lock(registryMutex_);
   const auto tell = [&](RpcBrokerObserver& observer) {
     observer.onServiceUnregistered(key.first, key.second, true, {});
@@ -135,12 +135,16 @@ void RpcBrokerImpl::unregisterService(const std::shared_ptr<Service>& service) {
 // By the thread's own socket: the one to the master is the broker thread's.
 void RpcBrokerImpl::announceFromThisThread(const ServiceKey& key, Announce what) {
   if (master_ || !serving_) return;
-  changes_.emplace_back(what, key);
+  {
+    const Lock lock(changesMutex_);
+    changes_.emplace_back(what, key);
+  }
   try {
     MessageRegistration message(what == Announce::kOffer, key.first, key.second);
     message.send(ThreadSockets::ofThisThread().registrations.socketFor(internalEndpoint_));
   } catch (...) {
-    changes_.pop_back();
+    const Lock lock(changesMutex_);
+    if (!changes_.empty()) changes_.pop_back();
     throw;
   }
 }
@@ -164,9 +168,12 @@ RpcBrokerImpl::ServiceKeys RpcBrokerImpl::openRegistry() {
 void RpcBrokerImpl::closeRegistry() {
   const Lock lock(registryMutex_);
   if (!serving_) return;
-  serving_ = false;  // first: there may be no memory for the rest
-  withdrawn_.clear();
-  for (const auto& entry : services_) withdrawn_.push_back(entry.first);
+  if (!master_) {  // the list first: if there is no memory for it, the broker goes on as it was
+    ServiceKeys offered;
+    for (const auto& entry : services_) offered.push_back(entry.first);
+    withdrawn_.swap(offered);
+  }
+  serving_ = false;
 }
 
 // An observer or a service must not wait for a stop() of another thread, which waits for it. The
@@ -256,22 +263,21 @@ void RpcBrokerImpl::run(const ServiceKeys& announced) {
 void RpcBrokerImpl::leave() {
   while (serveInternal()) {
   }
+  dropQueuedRegistrations();
   ServiceKeys withdrawn;
   {
     const Lock lock(registryMutex_);
     withdrawn.swap(withdrawn_);
-    changes_.clear();
   }
   announce(withdrawn, Announce::kWithdraw);
 }
 
-// What was registered during a start that failed, and has not been announced: the next start lists
-// what is there by then.
+// The next start lists what is there by then, also what was registered during one that failed.
 void RpcBrokerImpl::dropQueuedRegistrations() {
   ZmqFrame dropped;
   while (internalSocket_.receive(dropped, ZMQ_DONTWAIT)) {
   }
-  const Lock lock(registryMutex_);
+  const Lock lock(changesMutex_);
   changes_.clear();
 }
 
@@ -400,7 +406,7 @@ bool RpcBrokerImpl::serveInternal() {
 void RpcBrokerImpl::forward(MessageRegistration& registration) {
   std::optional<Change> next;
   {
-    const Lock lock(registryMutex_);
+    const Lock lock(changesMutex_);
     if (!changes_.empty()) {
       next = std::move(changes_.front());
       changes_.pop_front();

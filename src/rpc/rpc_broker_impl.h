@@ -129,10 +129,13 @@ class RpcBrokerImpl {
   Services services_ TESSEL_GUARDED_BY(registryMutex_);
   // Calls of this process are served, and a slave tells its master what is registered.
   bool serving_ TESSEL_GUARDED_BY(registryMutex_) = false;
-  // What a slave's thread has been told by others and not read yet, in the order of the calls.
-  std::deque<Change> changes_ TESSEL_GUARDED_BY(registryMutex_);
   // What the slave's thread takes back when it leaves: all that was offered while it served.
   ServiceKeys withdrawn_ TESSEL_GUARDED_BY(registryMutex_);
+
+  // Taken last: a slave's thread must not wait for the registry while observers are told.
+  Mutex changesMutex_;
+  // What that thread has been told by others and not read yet, in the order of the calls.
+  std::deque<Change> changes_ TESSEL_GUARDED_BY(changesMutex_);
 
   const std::shared_ptr<ObserverData> observers_;  // locks itself
   const std::shared_ptr<LocalRoad> localRoad_;     // locks itself

@@ -19,6 +19,23 @@ class ObserverList {
  public:
   using Entries = std::vector<std::weak_ptr<Observer>>;
 
+  /// Whom a caller with locks of its own has told; made before those locks are taken, so that what
+  /// it releases is released after them.
+  class Told {
+   public:
+    Told() = default;
+    ~Told() {
+      if (purged_ != nullptr) purged_->removeExpired();
+    }
+    Told(const Told&) = delete;
+    Told& operator=(const Told&) = delete;
+
+   private:
+    friend class ObserverList;
+    std::vector<std::shared_ptr<Observer>> observers_;
+    ObserverList* purged_ = nullptr;
+  };
+
   void attach(const std::shared_ptr<Observer>& observer) TESSEL_EXCLUDES(mutex_) {
     if (observer == nullptr) return;
     removeExpired();
@@ -61,12 +78,10 @@ class ObserverList {
     if (visit(called, call)) removeExpired();
   }
 
-  /// The same for a caller that holds locks of its own: they are to be released before `called`,
-  /// which keeps the observers.
+  /// The same for a caller that holds locks of its own.
   template <typename Call>
-  void notify(const Call& call, std::vector<std::shared_ptr<Observer>>& called)
-      TESSEL_EXCLUDES(mutex_) {
-    visit(called, call);
+  void notify(const Call& call, Told& told) TESSEL_EXCLUDES(mutex_) {
+    if (visit(told.observers_, call)) told.purged_ = this;
   }
 
  private:

@@ -7,7 +7,6 @@
 
 #include <memory>
 #include <string>
-#include <utility>
 
 #include "support/broker_peers.h"
 #include "support/endpoints.h"
@@ -16,27 +15,14 @@
 #include "support/recorders.h"
 #include "support/stand_in.h"
 
-namespace {
-
-// What ZeroMQ itself needs is there: without, it ends the process.
-template <typename Call>
-int withMemory(const Call& call) {
-  const int left = std::exchange(tessel::test::allocationsLeft, -1);
-  const int result = call();
-  tessel::test::allocationsLeft = left;
-  return result;
-}
-
-}  // namespace
-
 extern "C" {
 
 int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
-  return withMemory(
+  return tessel::test::withMemory(
       [&] { return tessel::test::real("zmq_msg_send", &zmq_msg_send)(message, socket, flags); });
 }
 int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
-  return withMemory(
+  return tessel::test::withMemory(
       [&] { return tessel::test::real("zmq_msg_recv", &zmq_msg_recv)(message, socket, flags); });
 }
 

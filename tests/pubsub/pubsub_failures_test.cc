@@ -13,72 +13,13 @@
 #include <thread>
 
 #include "support/broker_peers.h"
+#include "support/failing_zmq_calls.h"
 #include "support/raw_broker.h"
-#include "support/stand_in.h"
 #include "support/watchdog.h"
 #include "support/zmq_errors.h"
 
-namespace {
-
-using tessel::test::real;
-
-// The calls that fail while it is armed: those of one function, on sockets of one type, on every
-// thread but the test's own.
-struct Failure {
-  const char* function = "";
-  int socketType = -1;  // -1: whatever is polled
-  int error = 0;
-};
-Failure failure;
-std::atomic<bool> armed{false};
-std::atomic<bool> onTestThread{false};  // on that one only, instead
-const std::thread::id testThread = std::this_thread::get_id();
-
-int typeOf(void* socket) {
-  int type = -1;
-  size_t size = sizeof type;
-  zmq_getsockopt(socket, ZMQ_TYPE, &type, &size);
-  return type;
-}
-
-bool fails(const char* function, void* socket) {
-  if (!armed || failure.function != std::string(function)) return false;
-  if ((std::this_thread::get_id() == testThread) != onTestThread) return false;
-  if (socket != nullptr && typeOf(socket) != failure.socketType) return false;
-  errno = failure.error;
-  return true;
-}
-
-}  // namespace
-
-extern "C" {
-
-int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
-  if (fails("zmq_poll", nullptr)) return -1;
-  return real("zmq_poll", &zmq_poll)(items, count, timeout);
-}
-int zmq_setsockopt(void* socket, int option, const void* value, size_t size) {
-  if (fails("zmq_setsockopt", socket)) return -1;
-  return real("zmq_setsockopt", &zmq_setsockopt)(socket, option, value, size);
-}
-int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
-  if (fails("zmq_msg_send", socket)) return -1;
-  return real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
-}
-int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
-  if (fails("zmq_msg_recv", socket)) return -1;
-  return real("zmq_msg_recv", &zmq_msg_recv)(message, socket, flags);
-}
-
-}  // extern "C"
-
 namespace tessel::test {
 namespace {
-
-void arm(const Failure& chosen) {
-  failure = chosen;
-  armed = true;
-}
 
 class PubsubFailureDeathTest : public ::testing::Test {
  protected:

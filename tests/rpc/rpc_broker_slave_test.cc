@@ -168,6 +168,18 @@ TEST_F(RpcBrokerSlave, AnnouncesBeforeItsObserversHearAndTakesBackAfterwards) {
             "service already registered");
 }
 
+// The master may be what an observer waits for.
+TEST_F(RpcBrokerSlave, AnnouncesWhileItsObserversAreTold) {
+  slave->start();
+  Frames heard;
+  const auto observer =
+      std::make_shared<RecordingRpcObserver>([&](const std::string&) { heard = next(); });
+  slave->attach(observer);
+  slave->registerService(answering("s", "i", ""));
+  EXPECT_EQ(heard, offer("s", "i"));
+  slave->detach(observer);
+}
+
 TEST_F(RpcBrokerSlave, WhatCannotBeAnnouncedIsNotRegistered) {
   slave->start();
   const auto service = answering("s", "i", "ok");

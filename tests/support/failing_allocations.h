@@ -4,6 +4,7 @@
 #include <cstddef>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 // Stands in for the allocation of the program: for one source of it, and for those who want to see
 // what happens without memory.
@@ -27,6 +28,15 @@ bool runsOutOfMemory(int allocations, const Call& call) {
   }
   allocationsLeft = -1;
   return ranOut;
+}
+
+/// A function of ZeroMQ, which gets all the memory that it needs: without, it ends the process.
+template <typename Call>
+auto withMemory(const Call& call) {
+  const int left = std::exchange(allocationsLeft, -1);
+  const auto result = call();
+  allocationsLeft = left;
+  return result;
 }
 
 }  // namespace tessel::test

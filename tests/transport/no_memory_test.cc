@@ -1,5 +1,5 @@
 // What is kept and what is undone when memory runs out. In a program of its own, since it stands in
-// for the allocation and for one function of ZeroMQ.
+// for the allocation and for functions of ZeroMQ.
 
 #include <gtest/gtest.h>
 #include <zmq.h>
@@ -12,6 +12,7 @@
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/failing_allocations.h"
+#include "support/no_hang.h"
 #include "support/resources.h"
 #include "support/stand_in.h"
 #include "transport/inproc_endpoints.h"
@@ -19,13 +20,30 @@
 #include "transport/work_queue.h"
 #include "transport/zmq_socket.h"
 
-// What ZeroMQ itself needs is there: without, it ends the process.
-extern "C" int zmq_bind(void* socket, const char* endpoint) {
-  const int left = std::exchange(tessel::test::allocationsLeft, -1);
-  const int result = tessel::test::real("zmq_bind", &zmq_bind)(socket, endpoint);
-  tessel::test::allocationsLeft = left;
-  return result;
+extern "C" {
+
+void* zmq_socket(void* context, int type) {
+  return tessel::test::withMemory(
+      [&] { return tessel::test::real("zmq_socket", &zmq_socket)(context, type); });
 }
+int zmq_close(void* socket) {
+  return tessel::test::withMemory(
+      [&] { return tessel::test::real("zmq_close", &zmq_close)(socket); });
+}
+int zmq_bind(void* socket, const char* endpoint) {
+  return tessel::test::withMemory(
+      [&] { return tessel::test::real("zmq_bind", &zmq_bind)(socket, endpoint); });
+}
+int zmq_connect(void* socket, const char* endpoint) {
+  return tessel::test::withMemory(
+      [&] { return tessel::test::real("zmq_connect", &zmq_connect)(socket, endpoint); });
+}
+int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
+  return tessel::test::withMemory(
+      [&] { return tessel::test::real("zmq_msg_send", &zmq_msg_send)(message, socket, flags); });
+}
+
+}  // extern "C"
 
 namespace tessel::test {
 namespace {
@@ -97,6 +115,27 @@ TEST(ZmqSocketWithoutMemory, BindsNothing) {
   }
   EXPECT_GT(allocations, 0);
   EXPECT_TRUE(endpoints().isBound(name));
+}
+
+// One that ZeroMQ was not even asked to connect would be waited on for ever.
+TEST(ZmqSocketWithoutMemory, SendsNothingThroughOneThatCouldNotConnectAgain) {
+  const std::string endpoint = longInproc();
+  ThreadSocketCache cache(ZMQ_PUSH);
+  auto broker = std::make_unique<ZmqSocket>(ZMQ_PULL);
+  broker->bind(endpoint);
+  cache.socketFor(endpoint);
+  broker.reset();
+  broker = std::make_unique<ZmqSocket>(ZMQ_PULL);
+  broker->bind(endpoint);
+  ZmqFrame value(true);
+  const auto send = [&] { cache.socketFor(endpoint).sendFirst(value, 0); };
+  int allocations = 0;
+  withoutHanging("sending", [&] {
+    while (runsOutOfMemory(allocations, send)) ASSERT_LT(++allocations, 20);
+  });
+  EXPECT_GT(allocations, 0);
+  EXPECT_TRUE(broker->receive(value, 0));
+  EXPECT_TRUE(value.firstByteAsBool());
 }
 
 // Threads end when they do, whether there is memory or not.

@@ -1,0 +1,65 @@
+// That the broker's thread does not try to survive a socket that fails it. In a program of its own,
+// since it stands in for functions of libzmq.
+
+#include <gtest/gtest.h>
+#include <tessel/rpc_broker.h>
+#include <zmq.h>
+
+#include <cerrno>
+#include <csignal>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/endpoints.h"
+#include "support/failing_zmq_calls.h"
+#include "support/rpc_peers.h"
+
+namespace tessel::test {
+namespace {
+
+class RpcFailureDeathTest : public ::testing::Test {
+ protected:
+  RpcFailureDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+};
+
+// Everything that a broker does: a master answers and forwards, a slave announces and passes on.
+void runBroker(bool master, const Failure& chosen) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(master ? ZMQ_DEALER : ZMQ_ROUTER);
+  if (!master) peer.bind(endpoint);
+  RpcBroker broker(master, {endpoint}, std::make_shared<KeepingDispatcher>());
+  if (master) {
+    peer.connect(endpoint).send(enveloped({}, requestFrames("none", "i", "m", "")));
+  } else {
+    broker.registerService(answering("s", "i", ""));
+  }
+  arm(chosen);
+  broker.start();
+  if (!master) broker.registerService(answering("t", "i", ""));
+  eventually([] { return false; });  // it is over long before
+}
+
+TEST_F(RpcFailureDeathTest, OnAMastersThreadEndsTheProcess) {
+  for (const Failure& chosen :
+       {Failure{"zmq_poll", -1, EFAULT}, Failure{"zmq_msg_recv", ZMQ_ROUTER, ENOTSOCK},
+        Failure{"zmq_msg_send", ZMQ_ROUTER, ENOTSOCK}}) {
+    EXPECT_EXIT(runBroker(true, chosen), ::testing::KilledBySignal(SIGABRT),
+                zmq_strerror(chosen.error))
+        << chosen.function << " of type " << chosen.socketType;
+  }
+}
+
+TEST_F(RpcFailureDeathTest, OnASlavesThreadEndsTheProcess) {
+  for (const Failure& chosen :
+       {Failure{"zmq_poll", -1, EFAULT}, Failure{"zmq_msg_recv", ZMQ_DEALER, ENOTSOCK},
+        Failure{"zmq_msg_recv", ZMQ_PULL, ENOTSOCK},
+        Failure{"zmq_msg_send", ZMQ_DEALER, ENOTSOCK}}) {
+    EXPECT_EXIT(runBroker(false, chosen), ::testing::KilledBySignal(SIGABRT),
+                zmq_strerror(chosen.error))
+        << chosen.function << " of type " << chosen.socketType;
+  }
+}
+
+}  // namespace
+}  // namespace tessel::test
