@@ -59,8 +59,7 @@ class TESSEL_EXPORT RpcClient {
   ///     for an empty result, other than from a service called directly that sets neither
   /// @throws rpc_timeout when no answer came in time; at once when one came that cannot be read, or
   ///     when the broker, of this process, went before it had the whole call
-  /// @throws rpc_broker_error when nobody has the service, or "unknown response type" when the
-  /// answer
+  /// @throws rpc_broker_error when nobody has the service; "unknown response type" when the answer
   ///     says how the call ended in a way that this version does not know
   /// @throws rpc_custom_error when the service threw one: its bytes
   /// @throws rpc_service_error when the service threw anything else: its text

@@ -27,8 +27,8 @@ class KeptValue {
 
  private:
   std::vector<std::uint8_t> bytes_;
-  std::unique_ptr<ZmqFrame>
-      frame_;  // not in the value itself: it would double what small ones take
+  // Not in the value itself: it would double what small ones take.
+  std::unique_ptr<ZmqFrame> frame_;
 };
 
 /// The last value of each key.

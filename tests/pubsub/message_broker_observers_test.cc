@@ -352,60 +352,52 @@ TEST_F(BrokerObservers, AreCalledOnTheBrokersThread) {
   broker.stop();
 }
 
-// The stop() that clears would go on with what is destroyed.
-TEST(BrokerObserversDeathTest, DestructionOfTheBrokerThatClearsItsCacheEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  struct Destroying : NamedObserver {
-    using NamedObserver::NamedObserver;
-    void onPublish(const std::string&, const std::string&, bool, bool, bool) override {
-      published.open();
-    }
-    void onUnpublish(const std::string&, const std::string&, bool, bool, bool) override {
-      broker.reset();
-    }
-    Gate published;
-    std::unique_ptr<MessageBroker> broker = std::make_unique<MessageBroker>(
-        std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
-  };
-  const auto destroyIt = [] {
+// Destroys its broker when that takes a value, or clears it from its cache.
+class DestroyingObserver : public NamedObserver {
+ public:
+  DestroyingObserver(Journal& journal, bool whenClearing)
+      : NamedObserver("destroying", journal), whenClearing_(whenClearing) {}
+  void onPublish(const std::string&, const std::string&, bool, bool, bool) override {
+    if (!whenClearing_) broker.reset();
+    published.open();
+  }
+  void onUnpublish(const std::string&, const std::string&, bool, bool, bool) override {
+    broker.reset();
+  }
+  std::unique_ptr<MessageBroker> broker = std::make_unique<MessageBroker>(
+      std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
+  Gate published;
+
+ private:
+  const bool whenClearing_;
+};
+
+class BrokerObserversDeathTest : public ::testing::Test {
+ protected:
+  BrokerObserversDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+  static void destroy(bool whenClearing) {
     Journal journal;
-    const auto destroying = std::make_shared<Destroying>("destroying", journal);
+    const auto destroying = std::make_shared<DestroyingObserver>(journal, whenClearing);
     RawPeer in(ZMQ_PUSH);
     in.connect(destroying->broker->getInprocPullTransport());
     destroying->broker->attach(destroying);
     destroying->broker->start();
     in.send(publication("t", "g", "", 1));
     destroying->published.pass();
-    destroying->broker->stop(true, false);
-  };
-  EXPECT_EXIT(destroyIt(), ::testing::KilledBySignal(SIGABRT), "terminate called");
+    if (whenClearing) destroying->broker->stop(true, false);
+  }
+};
+
+TEST_F(BrokerObserversDeathTest, DestructionOfTheBrokerEndsTheProcess) {
+  EXPECT_EXIT(destroy(false), ::testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
-TEST(BrokerObserversDeathTest, DestructionOfTheBrokerEndsTheProcess) {
-  GTEST_FLAG_SET(death_test_style, "threadsafe");
-  struct Destroying : NamedObserver {
-    using NamedObserver::NamedObserver;
-    void onPublish(const std::string&, const std::string&, bool, bool, bool) override {
-      broker.reset();
-    }
-    std::unique_ptr<MessageBroker> broker = std::make_unique<MessageBroker>(
-        std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
-  };
-  const auto destroyIt = [] {
-    Journal journal;
-    const auto destroying = std::make_shared<Destroying>("destroying", journal);
-    RawPeer in(ZMQ_PUSH);
-    in.connect(destroying->broker->getInprocPullTransport());
-    destroying->broker->attach(destroying);
-    destroying->broker->start();
-    in.send(publication("t", "g", "", 0));
-    std::this_thread::sleep_for(kPatience);  // it is over long before
-  };
-  EXPECT_EXIT(destroyIt(), ::testing::KilledBySignal(SIGABRT), "terminate called");
+// The stop() that clears would go on with what is destroyed.
+TEST_F(BrokerObserversDeathTest, DestructionOfTheBrokerThatClearsItsCacheEndsTheProcess) {
+  EXPECT_EXIT(destroy(true), ::testing::KilledBySignal(SIGABRT), "terminate called");
 }
 
-TEST(BrokerObserversDeathTest, AnExceptionThatLeavesAnObserverEndsTheProcess) {
-  testing::FLAGS_gtest_death_test_style = "threadsafe";
+TEST_F(BrokerObserversDeathTest, AnExceptionThatLeavesAnObserverEndsTheProcess) {
   for (const std::string dangerous : {"publish", "unpublish", "subscribe", "unsubscribe"}) {
     EXPECT_EXIT(
         {

@@ -344,25 +344,32 @@ TEST(RpcBrokerRaces, TheMasterKnowsExactlyWhatASlaveOffers) {
   }
 }
 
+// A slave with one service, whose thread is in submit() until the gate opens.
+struct StuckSlave {
+  StuckSlave() {
+    slave.registerService(makeEcho("a", "first"));
+    slave.start();
+    Frames asked = request("a", "first");
+    asked.insert(asked.begin(), {raw.next().identity, "client"});
+    raw.router.send(asked);
+    dispatcher->inside.pass();
+  }
+  RawMaster raw;
+  const std::shared_ptr<StuckDispatcher> dispatcher = std::make_shared<StuckDispatcher>();
+  RpcBroker slave{false, {raw.endpoint}, dispatcher};
+};
+
 // Each thread has a way of its own to the broker's thread, which reads them in turn.
 TEST(RpcBrokerRaces, TheMasterHearsOfTheChangesOfSeveralThreadsInTheirOrder) {
   const Watchdog watchdog("changes of several threads");
-  RawMaster raw;
-  const auto dispatcher = std::make_shared<StuckDispatcher>();
-  RpcBroker slave(false, {raw.endpoint}, dispatcher);
-  slave.registerService(makeEcho("a", "first"));
-  slave.start();
-  Frames asked = request("a", "first");
-  asked.insert(asked.begin(), {raw.next().identity, "client"});
-  raw.router.send(asked);
-  dispatcher->inside.pass();
+  StuckSlave stuck;
   std::vector<RawMaster::Registration> expected;
   for (int round = 0; round < 3; ++round) {
     for (const char* name : {"x", "y", "z"}) {
       const auto service = makeEcho(name, std::to_string(round));
       for (const bool offered : {true, false, true}) {
         const auto change = [&] {
-          offered ? slave.registerService(service) : slave.unregisterService(service);
+          offered ? stuck.slave.registerService(service) : stuck.slave.unregisterService(service);
         };
         if (offered) {
           change();
@@ -373,34 +380,26 @@ TEST(RpcBrokerRaces, TheMasterHearsOfTheChangesOfSeveralThreadsInTheirOrder) {
       }
     }
   }
-  dispatcher->gate.open();
-  for (const auto& change : expected) ASSERT_EQ(raw.next(), change);
+  stuck.dispatcher->gate.open();
+  for (const auto& change : expected) ASSERT_EQ(stuck.raw.next(), change);
 }
 
 TEST(RpcBrokerRaces, WhatWasQueuedAtAStopIsNotReplayedAfterTheNextStart) {
   const Watchdog watchdog("registrations queued at a stop");
-  RawMaster raw;
-  const auto dispatcher = std::make_shared<StuckDispatcher>();
-  RpcBroker slave(false, {raw.endpoint}, dispatcher);
-  slave.registerService(makeEcho("a", "first"));
-  slave.start();
-  Frames asked = request("a", "first");
-  asked.insert(asked.begin(), {raw.next().identity, "client"});
-  raw.router.send(asked);
-  dispatcher->inside.pass();
+  StuckSlave stuck;
   // They wait for the broker's thread, which sees the stop next, or after the first of them.
   const std::shared_ptr<Service> late[] = {makeEcho("b", "1"), makeEcho("b", "2"),
                                            makeEcho("b", "3")};
-  for (const auto& service : late) slave.registerService(service);
-  const auto stopping = runUntilAsleep([&] { slave.stop(); });
+  for (const auto& service : late) stuck.slave.registerService(service);
+  const auto stopping = runUntilAsleep([&] { stuck.slave.stop(); });
   // The broker is being stopped: nothing is announced any more.
-  for (const auto& service : late) slave.unregisterService(service);
-  dispatcher->gate.open();
+  for (const auto& service : late) stuck.slave.unregisterService(service);
+  stuck.dispatcher->gate.open();
   stopping->join();
-  slave.start();
-  slave.registerService(makeEcho("~", "marker"));
-  ASSERT_TRUE(raw.readTo(true, "~", "marker"));
-  EXPECT_EQ(raw.offered, (std::set<std::string>{"a/first", "~/marker"}));
+  stuck.slave.start();
+  stuck.slave.registerService(makeEcho("~", "marker"));
+  ASSERT_TRUE(stuck.raw.readTo(true, "~", "marker"));
+  EXPECT_EQ(stuck.raw.offered, (std::set<std::string>{"a/first", "~/marker"}));
 }
 
 }  // namespace

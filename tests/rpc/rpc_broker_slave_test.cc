@@ -60,6 +60,18 @@ class RpcBrokerSlave : public testing::Test {
     frames.insert(frames.begin(), slaveIdentity);
     master.send(frames);
   }
+  // ZeroMQ closes in the background, so those given back may not be there at once.
+  template <typename Call>
+  static void onceThereAreSockets(const Call& call) {
+    ASSERT_TRUE(eventually([&] {
+      try {
+        call();
+        return true;
+      } catch (const std::runtime_error&) {
+        return false;
+      }
+    }));
+  }
   // That nothing else is on its way: the announcement of a marker comes first.
   void expectNothingSent() {
     slave->registerService(answering("marker", "m", ""));
@@ -190,14 +202,7 @@ TEST_F(RpcBrokerSlave, WhatCannotBeAnnouncedIsNotRegistered) {
       EXPECT_ZMQ_ERROR(slave->registerService(service), EMFILE);
     });
   }
-  ASSERT_TRUE(eventually([&] {
-    try {
-      slave->registerService(service);
-      return true;
-    } catch (const std::runtime_error&) {
-      return false;
-    }
-  }));
+  onceThereAreSockets([&] { slave->registerService(service); });
   EXPECT_EQ(next(), offer("s", "i"));
   expectNothingSent();
 }
@@ -212,14 +217,7 @@ TEST_F(RpcBrokerSlave, WhatCannotBeTakenBackStaysRegistered) {
   }
   EXPECT_EQ(textOf<std::logic_error>([&] { slave->registerService(service); }),
             "service already registered");
-  ASSERT_TRUE(eventually([&] {
-    try {
-      slave->unregisterService(service);
-      return true;
-    } catch (const std::runtime_error&) {
-      return false;
-    }
-  }));
+  onceThereAreSockets([&] { slave->unregisterService(service); });
   EXPECT_EQ(next(), withdrawal("s", "i"));
   expectNothingSent();
 }

@@ -130,6 +130,14 @@ TEST(RpcBrokerUnderStops, ServicesMayAlwaysStartTheirBroker) {
   }
 }
 
+// Leaves the broker stopped, and a call of "s" with its dispatcher.
+void keepOneCall(RpcBroker& broker, KeepingDispatcher& dispatcher, RawPeer& client) {
+  broker.start();
+  client.send(request("s", "i", "m", "x"));
+  ASSERT_TRUE(eventually([&] { return dispatcher.size() == 1; }));
+  broker.stop();
+}
+
 // An application's dispatcher may run what it has kept when the broker is stopped.
 TEST(RpcBrokerUnderStops, AServiceOfAStoppedBrokerStartsAndStopsItLikeAnyoneElse) {
   const Watchdog watchdog("a service that starts its stopped broker");
@@ -144,11 +152,9 @@ TEST(RpcBrokerUnderStops, AServiceOfAStoppedBrokerStartsAndStopsItLikeAnyoneElse
     broker.start();
     return data;
   }));
-  broker.start();
   RawPeer client(ZMQ_DEALER);
-  client.connect(endpoint).send(request("s", "i", "m", "x"));
-  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
-  broker.stop();
+  client.connect(endpoint);
+  keepOneCall(broker, *dispatcher, client);
   dispatcher->take()->execute();
   EXPECT_EQ(client.receive(), result("x"));
 }
@@ -177,11 +183,9 @@ TEST(RpcBrokerUnderStops, AServiceThatTheStartItselfWaitsForNeitherStartsNorStop
     }
     return data;
   }));
-  broker.start();
   RawPeer client(ZMQ_DEALER);
-  client.connect(endpoint).send(request("s", "i", "m", "x"));
-  ASSERT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
-  broker.stop();
+  client.connect(endpoint);
+  keepOneCall(broker, *dispatcher, client);
   broker.start();
   EXPECT_EQ(client.receive(), result("x"));  // so it runs
   EXPECT_EQ(refusals, 1);
