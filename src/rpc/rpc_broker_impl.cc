@@ -176,8 +176,8 @@ void RpcBrokerImpl::closeRegistry() {
   serving_ = false;
 }
 
-// An observer or a service must not wait for a stop() of another thread, which waits for it. The
-// analysis does not follow a lock that is taken on one way and not on others.
+// An observer or a service must not wait for a start() or stop() that waits for it. The analysis
+// does not follow a lock that is taken on one way and not on others.
 RpcBrokerImpl::Entry RpcBrokerImpl::enterLifecycle() {
   if (threadId_ == std::this_thread::get_id()) return Entry::kOnOwnThread;
   if (!RpcRequestImpl::runsOnThisThread(observers_)) {

@@ -724,7 +724,7 @@ TEST_F(DispatcherDelivery, KeepsASubscriberAliveUntilItsCallbackReturns) {
 
 // The dispatcher's own thread runs no code of the application, destructors included.
 TEST_F(DispatcherDelivery, NeverDestroysASubscriberOnTheDispatcherThread) {
-  constexpr int kRounds = 200;
+  constexpr int kRounds = 1000;
   std::mutex mutex;
   std::set<std::thread::id> workers;
   std::set<std::thread::id> destroyers;

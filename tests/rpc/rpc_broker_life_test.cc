@@ -19,6 +19,7 @@ TEST(RpcBrokerLife, StartsOnceAndStopsOnce) {
   const auto dispatcher = std::make_shared<KeepingDispatcher>();
   RpcBroker broker(true, {}, dispatcher);
   const int before = threadCount();
+  EXPECT_EQ(dispatcher->starts, 0);
   broker.start();
   broker.start();
   EXPECT_EQ(dispatcher->starts, 1);
@@ -306,6 +307,8 @@ TEST(RpcBrokerLife, StopOnTheBrokersOwnThreadEndsItsLoopAndIsCompletedFromOutsid
       }
       EXPECT_EQ(observer->refusals, round);
       EXPECT_EQ(dispatcher->stops, round - 1);
+      broker->start();  // not before that stop is complete
+      EXPECT_EQ(dispatcher->starts, round);
       broker->stop();
       EXPECT_EQ(dispatcher->stops, round);
     }

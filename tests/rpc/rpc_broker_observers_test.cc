@@ -11,6 +11,7 @@
 #include <thread>
 
 #include "support/hand_served_rpc_broker.h"
+#include "support/sleeping_thread.h"
 #include "support/text_of.h"
 #include "support/threads.h"
 
@@ -222,9 +223,10 @@ TEST(RpcBrokerObservers, HearOnTheBrokersThreadOfASlavesServicesAndOfWhatNobodyH
 }
 
 // So that all of them agree on what is registered.
-TEST(RpcBrokerObservers, HoldUpWhoRegistersAttachesOrLooksUpWhileTheyHearOfARegistration) {
-  const auto broker =
-      std::make_shared<RpcBroker>(true, Lines{}, std::make_shared<KeepingDispatcher>());
+TEST(RpcBrokerObservers, HoldUpWhoRegistersAttachesCallsOrLooksUpWhileTheyHearOfARegistration) {
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  const auto broker = std::make_shared<RpcBroker>(true, Lines{endpoint}, dispatcher);
   Gate hearing;
   Gate gate;
   const auto observer = std::make_shared<RecordingRpcObserver>([&](const std::string& line) {
@@ -235,35 +237,33 @@ TEST(RpcBrokerObservers, HoldUpWhoRegistersAttachesOrLooksUpWhileTheyHearOfARegi
   broker->attach(observer);
   broker->registerService(answering("there", "i", "ok"));
   broker->start();
+  NamedDealer calling("client", endpoint);
   RpcClient client(broker, kPatience);
   Journal done;
-  std::atomic<int> numbers[3] = {};
   {
     ScopedThread registering([&] { broker->registerService(answering("held", "i", "")); });
     hearing.pass();
-    const auto meanwhile = [&](int which, auto operation) {
-      return [&, which, operation] {
-        numbers[which] = thisThread();
-        operation();
-        done.add("done");
-      };
-    };
-    ScopedThread registers(
-        meanwhile(0, [&] { broker->registerService(answering("another", "i", "")); }));
-    ScopedThread attaches(meanwhile(1, [&] { broker->attach(observer); }));
-    ScopedThread looksUp(meanwhile(2, [&] {
+    calling.send(ask("there", "i"));
+    const auto registers = runUntilAsleep([&] {
+      broker->registerService(answering("another", "i", ""));
+      done.add("registered");
+    });
+    const auto attaches = runUntilAsleep([&] {
+      broker->attach(observer);
+      done.add("attached");
+    });
+    const auto looksUp = runUntilAsleep([&] {
       Buffer out;
       std::size_t size = 0;
       client.CallMethod("there", "i", "m", "", 0, out, size);
-    }));
-    for (const std::atomic<int>& number : numbers) {
-      EXPECT_TRUE(eventually([&] { return number != 0; }));
-      EXPECT_TRUE(waitUntilAsleep(number));
-    }
+      done.add("looked up");
+    });
     EXPECT_EQ(done.size(), 0U);
+    EXPECT_EQ(dispatcher->size(), 0U);
     gate.open();
   }
   EXPECT_EQ(done.size(), 3U);
+  EXPECT_TRUE(eventually([&] { return dispatcher->size() == 1; }));
 }
 
 TEST(RpcBrokerObservers, WhatTheyThrowAtARegistrationReachesItsCaller) {
