@@ -9,6 +9,9 @@ build_packages=(cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
 check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev
   python3-zmq valgrind)
 packaging_packages=("${build_packages[@]}" abigail-tools dpkg-dev lintian)
+# What scripts/bench --peers compares with.
+peer_packages=(cyclonedds-dev cyclonedds-tools libhiredis-dev libmosquitto-dev libnats-dev
+  libnng-dev mosquitto nats-server redis-server)
 analysis_packages=("${check_packages[@]}" clang-tidy clang-tools-14 cppcheck)
 
 say() { printf '%s\n' "$*"; }
@@ -45,6 +48,15 @@ install_packages() {
   logged install_update as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update
   logged install as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get -q install -y --no-install-recommends "${missing[@]}"
+}
+
+# install_peers: those of peer_packages that the system has.
+install_peers() {
+  local name known=()
+  for name in "${peer_packages[@]}"; do
+    if apt-cache show "$name" >/dev/null 2>&1; then known+=("$name"); fi
+  done
+  install_packages "${known[@]}"
 }
 
 # logged NAME COMMAND...: keeps the output in build/logs; shows its end only when COMMAND fails.

@@ -47,8 +47,18 @@ void* realloc(void* block, std::size_t size) {
 namespace tessel::bench {
 namespace {
 
+pid_t server = 0;  // 0: none
+
 double nanoseconds(const timeval& time) {
   return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_usec) * 1e3;
+}
+
+double serverNanosecondsNow() {
+  clockid_t clock{};
+  timespec time{};
+  if (server == 0 || clock_getcpuclockid(server, &clock) != 0) return 0;
+  clock_gettime(clock, &time);
+  return static_cast<double>(time.tv_sec) * 1e9 + static_cast<double>(time.tv_nsec);
 }
 
 }  // namespace
@@ -65,14 +75,21 @@ Usage Usage::now() {
   Usage usage;
   usage.userNanoseconds = nanoseconds(used.ru_utime);
   usage.systemNanoseconds = nanoseconds(used.ru_stime);
+  usage.serverNanoseconds = serverNanosecondsNow();
   usage.switches = static_cast<double>(used.ru_nvcsw + used.ru_nivcsw);
   return usage;
 }
+
+void beginCountingServer(pid_t child) { server = child; }
+void endCountingServer() { server = 0; }
 
 void reportUsage(benchmark::State& state, const Usage& begin, double items) {
   const Usage end = Usage::now();
   state.counters["user_ns"] = (end.userNanoseconds - begin.userNanoseconds) / items;
   state.counters["system_ns"] = (end.systemNanoseconds - begin.systemNanoseconds) / items;
+  if (server != 0) {
+    state.counters["server_ns"] = (end.serverNanoseconds - begin.serverNanoseconds) / items;
+  }
   state.counters["switches"] = (end.switches - begin.switches) / items;
 }
 

@@ -2,6 +2,7 @@
 #define TESSEL_BENCH_SUPPORT_MEASURE_H
 
 #include <benchmark/benchmark.h>
+#include <sys/types.h>
 
 #include <chrono>
 #include <cstdint>
@@ -19,17 +20,24 @@ inline double secondsSince(Clock::time_point begin) {
 /// other programs disturb least.
 double threadSeconds();
 
-/// Processor time and context switches of the whole process, in all its threads.
+/// Processor time and context switches of the whole process, in all its threads, and the processor
+/// time of the servers that it has started.
 struct Usage {
   double userNanoseconds = 0;
   double systemNanoseconds = 0;
+  double serverNanoseconds = 0;
   double switches = 0;
 
   static Usage now();
 };
 
-/// Puts what was used since `begin` into the counters "user_ns", "system_ns" and "switches" of a
-/// benchmark, for each of `items` messages, calls or entries.
+/// A child process counts as a server from the one call to the other. One at a time, and no thread
+/// but that of the benchmark.
+void beginCountingServer(pid_t child);
+void endCountingServer();
+
+/// Puts what was used since `begin` into the counters "user_ns", "system_ns", "switches" and, with
+/// a server, "server_ns" of a benchmark, for each of `items` messages, calls or entries.
 void reportUsage(benchmark::State& state, const Usage& begin, double items);
 
 /// How often any thread of the process allocates while `call()` runs, in the library, in ZeroMQ or
