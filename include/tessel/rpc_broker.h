@@ -50,8 +50,8 @@ class TESSEL_EXPORT RpcBroker {
   /// Not assigned.
   RpcBroker& operator=(const RpcBroker&) = delete;
 
-  /// Offers a service, at any time. A running slave tells its master. Throws what an observer
-  /// throws who is told; the service is registered all the same.
+  /// Offers a service, at any time. A running slave tells its master. Waits as attach() does.
+  /// Throws what an observer throws who is told; the service is registered all the same.
   ///
   /// @param service the service; the broker shares its ownership
   /// @throws std::logic_error when there is one of the same names
@@ -61,7 +61,8 @@ class TESSEL_EXPORT RpcBroker {
   void registerService(const std::shared_ptr<Service>& service);
   /// Takes the service of these names back, also when it was never there. Calls that run go on;
   /// calls accepted and not begun are answered that the service was not found, if nobody else owns
-  /// it. Throws what an observer throws who is told; the service is then still there.
+  /// it. Waits as attach() does. Throws what an observer throws who is told; the service is then
+  /// still there.
   ///
   /// @param service one with the names of the service to take back
   /// @throws std::invalid_argument for a null pointer
