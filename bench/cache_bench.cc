@@ -13,6 +13,7 @@
 #include <unordered_map>
 #include <vector>
 
+#include "support/loads.h"
 #include "support/measure.h"
 #include "support/raw.h"
 #include "support/roads.h"
@@ -20,10 +21,6 @@
 
 namespace tessel::bench {
 namespace {
-
-constexpr std::size_t kValueSize = 100;
-
-std::string tagOf(int index) { return "key" + std::to_string(index); }
 
 // Lets the sender know how far the broker has come.
 class CountingObserver : public MessageBrokerObserver {
@@ -45,18 +42,18 @@ class TesselCache {
  public:
   static constexpr const char* kName = "tessel";
 
-  explicit TesselCache(const raw::Endpoints& endpoints)
-      : endpoints_(endpoints),
-        broker_({endpoints.pull}, {endpoints.updates}, {endpoints.cache}),
+  explicit TesselCache(Transport transport)
+      : endpoints_(newEndpoints(transport)),
+        broker_({endpoints_.pull}, {endpoints_.updates}, {endpoints_.cache}),
         observer_(std::make_shared<CountingObserver>(window_)) {
     broker_.attach(observer_);
     broker_.start();
   }
   void fill(int count) {
-    const std::string value(kValueSize, 'x');
+    const std::string value(kCachedSize, 'x');
     for (int i = 0; i < count; ++i) {
       window_.send();
-      Publisher(broker_, kTopic, tagOf(i)).publish(value.data(), value.size());
+      Publisher(broker_, kTopic, cachedTag(i)).publish(value.data(), value.size());
     }
     window_.drain();
   }
@@ -64,7 +61,7 @@ class TesselCache {
     dispatcher_ = std::make_unique<MessageDispatcher>(endpoints_.updates, endpoints_.cache);
     for (int i = 0; i < count; ++i) {
       subscribers_.push_back(std::make_shared<CallbackSubscriber>(SubscriptionMode::AllValues,
-                                                                  kTopic, tagOf(i), callback));
+                                                                  kTopic, cachedTag(i), callback));
       dispatcher_->registerSubscriber(subscribers_.back());
     }
   }
@@ -83,17 +80,17 @@ class RawCache {
  public:
   static constexpr const char* kName = "raw";
 
-  explicit RawCache(const raw::Endpoints& endpoints)
-      : endpoints_(endpoints), broker_(context_, endpoints, true) {
+  explicit RawCache(Transport transport)
+      : endpoints_(newEndpoints(transport)), broker_(context_, endpoints_, true) {
     context_.run([this] { broker_.run(); });
   }
   ~RawCache() { context_.end(); }
   void fill(int count) {
     raw::Socket push(context_, ZMQ_PUSH);
     push.connect(endpoints_.pull);
-    const std::string value(kValueSize, 'x');
+    const std::string value(kCachedSize, 'x');
     for (int i = 0; i < count; ++i) {
-      raw::Publication(kTopic, tagOf(i), value.data(), value.size()).send(push);
+      raw::Publication(kTopic, cachedTag(i), value.data(), value.size()).send(push);
     }
     broker_.waitForValues(static_cast<std::size_t>(count));
   }
@@ -103,7 +100,7 @@ class RawCache {
   }
   void join() {
     context_.run([this] {
-      for (int i = 0; i < count_; ++i) consumer_->subscribe(kTopic + ":" + tagOf(i));
+      for (int i = 0; i < count_; ++i) consumer_->subscribe(kTopic + ":" + cachedTag(i));
       consumer_->run();
     });
   }
@@ -115,27 +112,6 @@ class RawCache {
   std::unique_ptr<raw::Consumer> consumer_;
   int count_ = 0;
 };
-
-// From the start of a dispatcher with a subscriber for every cached key until each has its value;
-// per key. One iteration is one dispatcher.
-template <typename Cache>
-void replay(benchmark::State& state, Transport transport, int keys) {
-  Usage before;
-  for (auto _ : state) {
-    Window window(static_cast<std::uint64_t>(keys));
-    Cache cache(newEndpoints(transport));
-    cache.fill(keys);
-    cache.prepare(keys, [&](const void*, std::size_t) { window.arrive(); });
-    for (int i = 0; i < keys; ++i) window.send();
-    before = Usage::now();
-    const Clock::time_point begin = Clock::now();
-    cache.join();
-    window.drain();  // throws when one does not come
-    state.SetIterationTime(secondsSince(begin));
-    reportUsage(state, before, keys);
-  }
-  state.SetItemsProcessed(static_cast<std::int64_t>(state.iterations()) * keys);
-}
 
 // Bytes for each value, beyond those of an empty broker; to be run in a process of its own.
 void memory(benchmark::State& state, int keys, const std::function<void(int)>& fill) {
@@ -150,14 +126,14 @@ void memory(benchmark::State& state, int keys, const std::function<void(int)>& f
 
 void registerMemory(int keys) {
   benchmark::RegisterBenchmark("cache_memory/tessel", [=](benchmark::State& state) {
-    TesselCache cache(newEndpoints(Transport::kInproc));
+    TesselCache cache(Transport::kInproc);
     memory(state, keys, [&](int count) { cache.fill(count); });
   })->Iterations(1);
   benchmark::RegisterBenchmark("cache_memory/raw", [=](benchmark::State& state) {
     std::unordered_map<std::string, std::string> values;
     memory(state, keys, [&](int count) {
       for (int i = 0; i < count; ++i) {
-        values[kTopic + ":" + tagOf(i)] = std::string(kValueSize, 'x');
+        values[kTopic + ":" + cachedTag(i)] = std::string(kCachedSize, 'x');
       }
     });
   })->Iterations(1);

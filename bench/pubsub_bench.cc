@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "support/crew.h"
+#include "support/loads.h"
 #include "support/measure.h"
 #include "support/roads.h"
 #include "support/window.h"
@@ -21,58 +22,6 @@ namespace tessel::bench {
 namespace {
 
 constexpr std::size_t kSmall = 16;
-
-// What is under way stays below the 1000 messages at which a publishing socket drops, and below
-// what the sockets of the system buffer when values are large.
-std::uint64_t windowFor(std::size_t size) { return size > 4096 ? 64 : 500; }
-std::uint64_t burstFor(std::size_t size) { return size > 4096 ? 1000 : 5000; }
-
-template <typename Road>
-void throughput(benchmark::State& state, Transport transport, std::size_t size) {
-  Window window(windowFor(size));
-  OpenRoad<Road> road(transport, size, [&](std::uint64_t) { window.arrive(); });
-  const std::uint64_t burst = burstFor(size);
-  std::uint64_t number = 0;
-  const auto sendBurst = [&] {
-    for (std::uint64_t i = 0; i < burst; ++i) {
-      window.send();
-      road.publish(++number);
-    }
-    window.drain();
-  };
-  const Usage before = Usage::now();
-  for (auto _ : state) sendBurst();
-  reportUsage(state, before, static_cast<double>(number));
-  state.SetItemsProcessed(static_cast<std::int64_t>(number));
-  state.counters["allocations"] =
-      static_cast<double>(allocationsDuring(sendBurst)) / static_cast<double>(burst);
-}
-
-// One value at a time, from just before publish() until the callback begins; everybody sleeps
-// before it.
-template <typename Road>
-void latency(benchmark::State& state, Transport transport) {
-  constexpr int kValues = 2000;
-  Window window(1);
-  std::vector<double> nanoseconds;
-  OpenRoad<Road> road(transport, kSmall, [&](std::uint64_t sent) {
-    const auto now = static_cast<std::uint64_t>(Clock::now().time_since_epoch().count());
-    nanoseconds.push_back(static_cast<double>(now - sent));
-    window.arrive();
-  });
-  const Usage before = Usage::now();
-  for (auto _ : state) {
-    for (int i = 0; i < kValues; ++i) {
-      window.send();
-      road.publish(static_cast<std::uint64_t>(Clock::now().time_since_epoch().count()));
-      window.drain();
-    }
-  }
-  reportUsage(state, before, static_cast<double>(nanoseconds.size()));
-  state.SetItemsProcessed(static_cast<std::int64_t>(nanoseconds.size()));
-  state.counters["p50_ns"] = quantile(nanoseconds, 0.50);
-  state.counters["p99_ns"] = quantile(nanoseconds, 0.99);
-}
 
 // Counts its callbacks; on cache lines of its own, so that workers do not meet in the benchmark.
 // The callbacks of one value end before those of the next begin, hence no atomic count.
@@ -186,7 +135,7 @@ void registerRoad() {
           [=](benchmark::State& state) { throughput<Road>(state, transport, size); });
     }
     add("latency/" + over + "/" + name,
-        [=](benchmark::State& state) { latency<Road>(state, transport); });
+        [=](benchmark::State& state) { latency<Road>(state, transport, kSmall); });
   }
   for (const std::size_t threads : {1, 2, 4, 8, 16}) {
     add("publishers/" + std::to_string(threads) + "/" + name,
