@@ -10,6 +10,7 @@
 #include "messages/message_unpublish.h"
 #include "messages/value_key.h"
 #include "pubsub/high_water_marks.h"
+#include "transport/deadlock.h"
 
 namespace tessel {
 namespace {
@@ -80,7 +81,7 @@ void MessageBrokerImpl::stop(bool clearCache, bool clearObservers) {
   if (threadId_ == std::this_thread::get_id()) {
     // Without the lock: another thread may hold it, waiting for this one to end.
     stopRequested_ = true;
-    throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
+    throwDeadlock();
   }
   // From an observer that hears of the clearing, or the destructor of one that lost its last owner
   // then: this thread holds the lock, and the broker has stopped.

@@ -6,15 +6,12 @@
 #include <utility>
 
 #include "pubsub/high_water_marks.h"
+#include "transport/deadlock.h"
 
 namespace tessel {
 namespace {
 
 constexpr std::size_t kWakeItem = 0;  // in the poll set
-
-[[noreturn]] void throwDeadlock() {
-  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
-}
 
 }  // namespace
 

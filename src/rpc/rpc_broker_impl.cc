@@ -12,6 +12,7 @@
 #include "messages/message_reply.h"
 #include "rpc/rpc_request_impl.h"
 #include "rpc/service_call.h"
+#include "transport/deadlock.h"
 #include "transport/thread_socket_cache.h"
 
 namespace tessel {
@@ -31,10 +32,6 @@ const std::string& onlyTransport(const std::vector<std::string>& transports) {
 std::shared_ptr<RpcDispatcher> notNull(std::shared_ptr<RpcDispatcher> dispatcher) {
   if (dispatcher == nullptr) throw std::invalid_argument("RPC dispatcher must not be null!");
   return dispatcher;
-}
-
-[[noreturn]] void throwDeadlock() {
-  throw std::system_error(std::make_error_code(std::errc::resource_deadlock_would_occur));
 }
 
 // True while it exists.

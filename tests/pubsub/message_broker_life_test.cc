@@ -14,6 +14,7 @@
 #include "support/broker_peers.h"
 #include "support/calling_allocator.h"
 #include "support/no_hang.h"
+#include "support/system_errors.h"
 #include "support/threads.h"
 #include "support/zmq_errors.h"
 
@@ -598,11 +599,7 @@ TEST_F(BrokerLife, StopFromAnObserverSaysThatItWouldWaitForItself) {
   std::error_code code;
   Gate called;
   const auto stopper = std::make_shared<OnPublish>([&] {
-    try {
-      broker.stop(true, true);
-    } catch (const std::system_error& error) {
-      code = error.code();
-    }
+    code = systemErrorOf([&] { broker.stop(true, true); });
     called.open();
   });
   broker.attach(stopper);
@@ -676,13 +673,7 @@ void whileAnotherThreadStops(MessageBroker& broker, const std::function<void()>&
 
 TEST_F(BrokerLife, StopFromAnObserverDoesNotWaitForAnotherThreadThatStops) {
   std::error_code code;
-  whileAnotherThreadStops(broker, [&] {
-    try {
-      broker.stop();
-    } catch (const std::system_error& error) {
-      code = error.code();
-    }
-  });
+  whileAnotherThreadStops(broker, [&] { code = systemErrorOf([&] { broker.stop(); }); });
   EXPECT_EQ(code, std::errc::resource_deadlock_would_occur);
   broker.start();
   expectServes();

@@ -23,6 +23,7 @@
 #include "support/no_hang.h"
 #include "support/sleeping_thread.h"
 #include "support/subscribers.h"
+#include "support/system_errors.h"
 #include "support/threads.h"
 
 namespace tessel {
@@ -365,18 +366,10 @@ TEST_F(DispatcherLife, StartFromACallbackDoesNotWaitForAnotherThreadThatStops) {
             (Frames{subscribed("t:default").front(), subscribed(kMarker).front()}));
 }
 
-std::error_code stopError(MessageDispatcher& dispatcher) {
-  try {
-    dispatcher.stop();
-  } catch (const std::system_error& error) {
-    return error.code();
-  }
-  return {};
-}
-
 TEST_F(DispatcherLife, RefusesToBeStoppedByACallback) {
   std::error_code error;
-  const auto stopper = std::make_shared<CallingSubscriber>([&] { error = stopError(dispatcher); });
+  const auto stopper = std::make_shared<CallingSubscriber>(
+      [&] { error = systemErrorOf([&] { dispatcher.stop(); }); });
   start();
   subscribe(broker.cache, stopper, "t:default");
   broker.cache.send(valueMessage("t:default", "1"));
@@ -397,7 +390,7 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByACallbackWhileAnotherThreadStopsOrDes
       journal.add("called");
       EXPECT_TRUE(eventually([&] { return ender != 0; }));
       waitUntilAsleep(ender);
-      error = stopError(same);
+      error = systemErrorOf([&] { same.stop(); });
     });
     other->start();
     other->registerSubscriber(stopper);
@@ -508,7 +501,7 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
   Journal journal;
   const std::function<void()> stopIt = [&] {
     thread = std::this_thread::get_id();
-    error = stopError(dispatcher);
+    error = systemErrorOf([&] { dispatcher.stop(); });
     journal.add("refused");
   };
   auto subscriber = subscriberCallingWhenFreed(stopIt);
@@ -543,7 +536,7 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThreadWhileAnotherStopsIt) {
     journal.add("called");
     EXPECT_TRUE(eventually([&] { return stopper != 0; }));
     waitUntilAsleep(stopper);
-    error = stopError(dispatcher);
+    error = systemErrorOf([&] { dispatcher.stop(); });
   };
   auto subscriber = subscriberCallingWhenFreed(stopIt);
   start();

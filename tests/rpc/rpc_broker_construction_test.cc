@@ -1,11 +1,11 @@
 // What others do while a broker is being made. In a program of its own, since it stands in for a
 // function of libzmq.
 
-#include <dlfcn.h>
 #include <zmq.h>
 
 #include "life_fixture.h"
 #include "rpc/rpc_broker_impl.h"
+#include "support/stand_in.h"
 #include "transport/broker_number.h"
 
 namespace {
@@ -20,9 +20,9 @@ std::function<void()>& meanwhile() {
 }  // namespace
 
 extern "C" int zmq_bind(void* socket, const char* endpoint) {
-  static const auto real = reinterpret_cast<decltype(&zmq_bind)>(dlsym(RTLD_NEXT, "zmq_bind"));
+  static const auto bind = tessel::test::real("zmq_bind", &zmq_bind);
   if (watchedEndpoint == endpoint) meanwhile()();
-  return real(socket, endpoint);
+  return bind(socket, endpoint);
 }
 
 namespace tessel::test {

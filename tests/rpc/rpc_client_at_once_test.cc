@@ -1,7 +1,6 @@
 // Calls that must not wait. In a program of its own, since it stands in for the function of libzmq
 // by which the reply is read: what happens just before that is decided by the test.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <tessel/rpc_client.h>
 #include <zmq.h>
@@ -13,6 +12,7 @@
 
 #include "support/call_outcome.h"
 #include "support/endpoints.h"
+#include "support/stand_in.h"
 #include "support/watchdog.h"
 
 namespace {
@@ -23,10 +23,9 @@ std::function<void(void* socket)> beforeReading;
 }  // namespace
 
 extern "C" int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
-  using Function = int (*)(zmq_msg_t*, void*, int);
-  static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "zmq_msg_recv"));
+  static const auto receive = tessel::test::real("zmq_msg_recv", &zmq_msg_recv);
   if (const auto now = std::exchange(beforeReading, nullptr)) now(socket);
-  return real(message, socket, flags);
+  return receive(message, socket, flags);
 }
 
 namespace tessel::test {

@@ -1,10 +1,10 @@
-#include <dlfcn.h>
 #include <pthread.h>
 
 #include <cerrno>
 #include <system_error>
 
 #include "life_fixture.h"
+#include "support/stand_in.h"
 
 namespace {
 
@@ -21,8 +21,7 @@ std::function<void()>& atFailure() {
 // In the place of the system's: the standard library's threads are made through it.
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*run)(void*), void* argument) noexcept {
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+  static const auto create = tessel::test::real("pthread_create", &pthread_create);
   if (threadsLeft == 0) {
     if (atFailure()) atFailure()();
     return EAGAIN;

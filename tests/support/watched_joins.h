@@ -1,12 +1,12 @@
 #ifndef TESSEL_TESTS_SUPPORT_WATCHED_JOINS_H
 #define TESSEL_TESTS_SUPPORT_WATCHED_JOINS_H
 
-#include <dlfcn.h>
 #include <pthread.h>
 
 #include <atomic>
 
 #include "support/deadline.h"
+#include "support/stand_in.h"
 
 // Stands in for the system's function that waits for the end of a thread: for one source of a
 // program whose tests need to know how far an orderly end has come. Links with CMAKE_DL_LIBS.
@@ -24,10 +24,9 @@ inline bool waitForJoins(int before, int count) {
 }  // namespace tessel::test
 
 extern "C" int pthread_join(pthread_t thread, void** result) {
-  static const auto real =
-      reinterpret_cast<decltype(&pthread_join)>(dlsym(RTLD_NEXT, "pthread_join"));
+  static const auto join = tessel::test::real("pthread_join", &pthread_join);
   ++tessel::test::joinsBegun;
-  return real(thread, result);
+  return join(thread, result);
 }
 
 #endif

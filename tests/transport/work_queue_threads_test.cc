@@ -2,7 +2,6 @@
 // since it stands in for the system's functions: limits of the system do not bind root, nor
 // sanitizers.
 
-#include <dlfcn.h>
 #include <gtest/gtest.h>
 #include <pthread.h>
 
@@ -14,6 +13,7 @@
 #include <thread>
 
 #include "support/deadline.h"
+#include "support/stand_in.h"
 #include "support/watched_joins.h"
 #include "transport/work_queue.h"
 
@@ -27,12 +27,11 @@ std::atomic<int> threadsStarted{0};
 
 extern "C" int pthread_create(pthread_t* thread, const pthread_attr_t* attributes,
                               void* (*start)(void*), void* argument) noexcept {
-  static const auto real =
-      reinterpret_cast<decltype(&pthread_create)>(dlsym(RTLD_NEXT, "pthread_create"));
+  static const auto create = tessel::test::real("pthread_create", &pthread_create);
   if (threadsLeft.load() == 0) return EAGAIN;
   if (threadsLeft.load() > 0) --threadsLeft;
   ++threadsStarted;
-  return real(thread, attributes, start, argument);
+  return create(thread, attributes, start, argument);
 }
 
 namespace tessel::test {
