@@ -20,13 +20,13 @@ class CloseTime {
   void note() { ticks_ = Clock::now().time_since_epoch().count(); }
 
   /// Attempts until it succeeds; throws ZeroMQ's error, unless it is the one that a close on its
-  /// way explains: then only when that does not come to its end.
+  /// way explains: then only when that does not come to its end within `patience`.
   template <typename Attempt>
-  void insist(int explained, const Attempt& attempt) const {
+  void insist(int explained, std::chrono::milliseconds patience, const Attempt& attempt) const {
     const Clock::time_point begun = Clock::now();
     while (!attempt()) {
       const int error = zmq_errno();
-      if (error != explained || !isRecent() || Clock::now() - begun >= kInsistence) {
+      if (error != explained || !isRecent() || Clock::now() - begun >= patience) {
         throwZmqError(error);
       }
       std::this_thread::sleep_for(kInterval);
@@ -37,7 +37,6 @@ class CloseTime {
   using Clock = std::chrono::steady_clock;
 
   static constexpr std::chrono::milliseconds kRecently{1000};
-  static constexpr std::chrono::milliseconds kInsistence{100};
   static constexpr std::chrono::milliseconds kInterval{1};
   static constexpr Clock::rep kNever = std::numeric_limits<Clock::rep>::min();
 

@@ -3,6 +3,7 @@
 #include <zmq.h>
 
 #include <cerrno>
+#include <chrono>
 #include <limits>
 #include <utility>
 
@@ -16,6 +17,12 @@ namespace {
 
 // How often a sender that waits looks whether its in-process peer has gone meanwhile.
 constexpr long kSendPollMilliseconds = 20;
+
+// For sockets that are closed in the background. On a busy machine ZeroMQ's thread that does so has
+// been seen to need more than a tenth of a second for a thousand of them.
+constexpr std::chrono::milliseconds kSocketPatience{1000};
+// Somebody else may have the endpoint just as well.
+constexpr std::chrono::milliseconds kEndpointPatience{100};
 
 CloseTime lastClose;
 CloseTime lastCloseOfBound;
@@ -42,7 +49,7 @@ ZmqSocket::~ZmqSocket() { close(); }
 void ZmqSocket::create() {
   close();
   receivingMore_ = false;
-  lastClose.insist(EMFILE, [this] {
+  lastClose.insist(EMFILE, kSocketPatience, [this] {
     handle_ = zmq_socket(ZmqContext::handle(), type_);
     return handle_ != nullptr;
   });
@@ -86,7 +93,7 @@ void ZmqSocket::leavePeer() {
 }
 
 void ZmqSocket::bind(const std::string& endpoint) {
-  lastCloseOfBound.insist(EADDRINUSE, [&] { return tryBind(endpoint); });
+  lastCloseOfBound.insist(EADDRINUSE, kEndpointPatience, [&] { return tryBind(endpoint); });
 }
 
 bool ZmqSocket::tryBind(const std::string& endpoint) {

@@ -16,6 +16,7 @@
 #include "support/broker_peers.h"
 #include "support/no_hang.h"
 #include "support/publishing.h"
+#include "support/resources.h"
 #include "support/socket_budget.h"
 #include "support/threads.h"
 #include "transport/left_sockets.h"
@@ -404,6 +405,7 @@ TEST(PublisherWhoseBrokerIsMadeAgain, GoesOnFromAFullQueue) {
 // A process has 1023 sockets at a time, and a thread one for each broker that it publishes to.
 TEST(PublisherWhoseBrokerGoes, UsesNoSocketsUp) {
   ScopedThread([] {
+    ClosingPace pace(20);  // six sockets each
     for (int round = 0; round < 1100; ++round) {
       auto broker = std::make_unique<MessageBroker>(
           std::vector<std::string>(), std::vector<std::string>(), std::vector<std::string>());
@@ -412,6 +414,7 @@ TEST(PublisherWhoseBrokerGoes, UsesNoSocketsUp) {
       if (round % 3 != 0) publish(publisher, "1");
       broker.reset();
       if (round % 3 == 2) publish(publisher, "to nobody");
+      pace.keep();
     }
   }).join();
   const MessageBroker one({}, {}, {});
@@ -420,8 +423,10 @@ TEST(PublisherWhoseBrokerGoes, UsesNoSocketsUp) {
 TEST(PublisherWithoutABroker, UsesNoSocketsUpOnThreadsThatEnd) {
   const OpenSockets sockets;
   publish(Publisher("t", "g"), "waits");
+  ClosingPace pace;
   for (int i = 0; i < 1100; ++i) {
     std::thread([i] { publish(Publisher("ended", "g"), std::to_string(i)); }).join();
+    pace.keep();
   }
   publish(Publisher("t", "g"), "waits, too");
   EXPECT_TRUE(sockets.become(1 + LeftSockets::kMost));

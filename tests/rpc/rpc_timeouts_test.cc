@@ -27,8 +27,10 @@ int manyTimes() {
 void timeOutManyTimes(RpcClient& client) {
   EXPECT_EQ(outcome(client, "s", "i"), "timeout");
   const NoSocketsLeft check;
+  ClosingPace pace;
   for (int i = 0; i < manyTimes(); ++i) {
     ASSERT_EQ(outcome(client, "s", "i"), "timeout") << "call " << i;
+    pace.keep();
   }
 }
 
@@ -52,9 +54,11 @@ TEST(RpcTimeouts, OfADestroyedBrokerUseNothingUpOnManyThreads) {
   std::vector<std::thread> threads;
   for (int i = 0; i < 4; ++i) {
     threads.emplace_back([&] {
+      ClosingPace pace;
       for (int k = 0; k < manyTimes() / 4; ++k) {
         const std::string got = outcome(client, "s", "i");
         if (got != "timeout") odd.add(got);
+        pace.keep();
       }
     });
   }
@@ -68,10 +72,12 @@ TEST(RpcTimeouts, OfADestroyedBrokerOnShortThreadsUseNothingUp) {
   RpcClient client(broker, milliseconds(0));
   broker.reset();
   const NoSocketsLeft check;
+  ClosingPace pace;
   for (int i = 0; i < 1500; ++i) {
     std::string got;
     std::thread([&] { got = outcome(client, "s", "i"); }).join();
     ASSERT_EQ(got, "timeout") << "thread " << i;
+    pace.keep();
   }
 }
 
@@ -80,19 +86,23 @@ TEST(RpcTimeouts, OfAnInprocNameThatNobodyHasBoundUseNothingUp) {
   RpcClient client(uniqueInproc(), milliseconds(0));
   timeOutManyTimes(client);
   const NoSocketsLeft check;
+  ClosingPace pace;
   for (int i = 0; i < 1100; ++i) {
     std::thread([&] { EXPECT_EQ(outcome(client, "s", "i"), "timeout"); }).join();
+    pace.keep();
   }
 }
 
 TEST(RpcTimeouts, OfOneBrokerAfterAnotherUseNothingUp) {
   const Watchdog watchdog("time-outs of many destroyed brokers");
   std::thread([] {
+    ClosingPace pace(20);  // several sockets each
     for (int i = 0; i < 1100; ++i) {
       auto broker = makeMaster({});
       RpcClient client(broker, milliseconds(0));
       broker.reset();
       ASSERT_EQ(outcome(client, "s", "i"), "timeout") << i;
+      pace.keep();
     }
   }).join();
 }

@@ -1,6 +1,8 @@
 #ifndef TESSEL_TESTS_SUPPORT_SOCKET_BUDGET_H
 #define TESSEL_TESTS_SUPPORT_SOCKET_BUDGET_H
 
+#include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/resource.h>
 #include <zmq.h>
 
@@ -62,7 +64,7 @@ class OpenSockets {
  public:
   /// Waits until those of before are closed, then counts from here.
   OpenSockets() {
-    zmq_close(zmq_socket(ZmqContext::handle(), ZMQ_PAIR));  // the context opens files of its own
+    awaitClosing();
     std::ptrdiff_t last = -1;
     while (last != openFiles()) {
       last = openFiles();
@@ -84,6 +86,16 @@ class OpenSockets {
   }
 
  private:
+  // The context opens files of its own with its first socket, and closes in turn in the background.
+  static void awaitClosing() {
+    void* socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR);
+    int descriptor = -1;
+    std::size_t size = sizeof descriptor;
+    zmq_getsockopt(socket, ZMQ_FD, &descriptor, &size);
+    zmq_close(socket);
+    EXPECT_TRUE(eventually([&] { return fcntl(descriptor, F_GETFD) == -1; }));
+  }
+
   static std::ptrdiff_t openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                          std::filesystem::directory_iterator());

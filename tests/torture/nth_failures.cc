@@ -438,25 +438,13 @@ int complain(const char* what, const std::string& more = "") {
   return 1;
 }
 
-// ZeroMQ closes in the background.
-int settledDescriptors() {
-  int last = -1;
-  for (int same = 0; same < 3;) {
-    std::this_thread::sleep_for(milliseconds(1));
-    const int now = openDescriptors();
-    same = now == last ? same + 1 : 0;
-    last = now;
-  }
-  return last;
-}
-
 // In a process of its own; 0 if all is well.
 int meet(const Fault& fault, bool onFirstUse) {
   thisIsAnApplicationThread();
   const long parents = blocksOut();
   if (!onFirstUse) scenario();
   const int descriptors =
-      onFirstUse ? sharedCounts().usualDescriptors.load() : settledDescriptors();
+      onFirstUse ? sharedCounts().usualDescriptors.load() : settledDescriptors(15);
   const long blocks = onFirstUse ? parents + sharedCounts().usualBlocks : blocksOut();
   arm(fault);
   try {
@@ -493,7 +481,7 @@ std::vector<Fault> allFaults() {
     arm(Fault());
     scenario();
     disarm();
-    sharedCounts().usualDescriptors = settledDescriptors();
+    sharedCounts().usualDescriptors = settledDescriptors(15);
     sharedCounts().usualBlocks = blocksOut() - parents;
     return 0;
   });

@@ -17,6 +17,7 @@
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/raw_peer.h"
+#include "support/resources.h"
 #include "support/socket_budget.h"
 #include "support/zmq_errors.h"
 
@@ -232,11 +233,13 @@ TEST(ThreadSockets, DoNotRunOutHoweverManyThreadsThereWere) {
   const std::string endpoint = uniqueInproc();
   RawPeer peer(ZMQ_PULL);
   peer.bind(endpoint);
+  ClosingPace pace;
   for (int i = 0; i < 1100; ++i) {  // more than a process can have sockets
     std::thread([&] {
       sendText(ThreadSockets::ofThisThread().publishers.socketFor(endpoint), "a");
     }).join();
     ASSERT_EQ(peer.receive(), Frames{"a"}) << i;
+    pace.keep();
   }
 }
 

@@ -639,12 +639,14 @@ TEST(ZmqSocket, ASenderHeldUpByAFullQueueGoesOnWhenItsPeerIsReplaced) {
     binder->bind(endpoint);
     std::atomic<int> sent{0};
     std::atomic<int> held{0};
+    Gate received;
     std::thread sending([&] {
       ZmqSocket sender(ZMQ_PUSH, endpoint);
       ZmqFrame filler;
       while (sender.send(filler, ZMQ_DONTWAIT)) ++sent;
       held = thisThread();
       sendText(sender, "after");
+      received.pass();  // what waits for somebody to bind goes with its socket
     });
     ASSERT_TRUE(eventually([&] { return held != 0; }));
     EXPECT_GE(sent.load(), 2000);
@@ -652,6 +654,7 @@ TEST(ZmqSocket, ASenderHeldUpByAFullQueueGoesOnWhenItsPeerIsReplaced) {
     binder = std::make_unique<ZmqSocket>(ZMQ_PULL);
     binder->bind(endpoint);
     EXPECT_EQ(receiveText(*binder), "after");
+    received.open();
     sending.join();
   }
 }
@@ -791,6 +794,7 @@ TEST(ZmqSocket, GivesItsPlaceBackAlsoWhereNobodyHasBoundTheInprocName) {
   for (const int type : {ZMQ_PUSH, ZMQ_REQ, ZMQ_DEALER, ZMQ_SUB}) {
     const std::string endpoint = uniqueInproc();
     const OpenSockets sockets;
+    ClosingPace pace;
     for (int i = 0; i < 1100; ++i) {
       ZmqSocket socket(type, endpoint);
       if (type == ZMQ_SUB) {
@@ -798,6 +802,7 @@ TEST(ZmqSocket, GivesItsPlaceBackAlsoWhereNobodyHasBoundTheInprocName) {
       } else {
         sendText(socket, "to nobody");
       }
+      pace.keep();
     }
     EXPECT_TRUE(sockets.become(0)) << type;
   }
@@ -845,7 +850,11 @@ TEST(ZmqSocket, IsMadeAndClosedWhileTheInprocNameIsBoundAndUnbound) {
     std::vector<std::unique_ptr<ScopedThread>> others;
     for (int i = 0; i < 3; ++i) {
       others.push_back(std::make_unique<ScopedThread>([&] {
-        while (!done) sendText(*std::make_unique<ZmqSocket>(ZMQ_PUSH, endpoint), "of another");
+        ClosingPace pace;
+        while (!done) {
+          sendText(*std::make_unique<ZmqSocket>(ZMQ_PUSH, endpoint), "of another");
+          pace.keep();
+        }
       }));
     }
     for (int round = 0; round < 300; ++round) {
