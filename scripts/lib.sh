@@ -7,7 +7,7 @@ logs=$root/build/logs
 build_packages=(cmake g++ libbenchmark-dev libgmock-dev libgtest-dev libzmq3-dev
   ninja-build pkg-config)
 check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev
-  python3-zmq valgrind)
+  make meson python3-zmq valgrind)
 packaging_packages=("${build_packages[@]}" abigail-tools dpkg-dev lintian)
 # What scripts/bench --peers compares with.
 peer_packages=(cyclonedds-dev cyclonedds-tools libhiredis-dev libmosquitto-dev libnats-dev

@@ -1,8 +1,11 @@
 // An application's first program: C++11, public headers, one value from a publisher to a
-// subscriber.
+// subscriber, one call to a service.
 #include <chrono>
 #include <condition_variable>
+#include <cstddef>
+#include <cstdint>
 #include <cstdio>
+#include <cstring>
 #include <memory>
 #include <mutex>
 #include <stdexcept>
@@ -35,6 +38,40 @@ class Inbox : public tessel::Subscriber {
   std::string value_;
 };
 
+class Echo : public tessel::Service {
+ public:
+  Echo() : tessel::Service("echo", "") {}
+
+  void callMethod(const std::string& method, const void* data, std::size_t size,
+                  std::unique_ptr<std::uint8_t[]>& out, std::size_t& outSize) override {
+    if (method != "say") throw std::runtime_error("no such method: " + method);
+    outSize = size;
+    out.reset(new std::uint8_t[size]);
+    std::memcpy(out.get(), data, size);
+  }
+};
+
+std::string call(tessel::RpcClient& client, const std::string& method, const std::string& text) {
+  std::unique_ptr<std::uint8_t[]> answer;
+  std::size_t size = 0;
+  try {
+    client.CallMethod("echo", "", method, text.data(), text.size(), answer, size);
+  } catch (const tessel::rpc_service_error& error) {
+    return error.what();
+  }
+  return std::string(answer.get(), answer.get() + size);
+}
+
+bool callsAreAnswered() {
+  tessel::RpcBroker broker(true, {"inproc://consumer_calls"},
+                           std::make_shared<tessel::ThreadedRpcDispatcher>());
+  broker.registerService(std::make_shared<Echo>());
+  broker.start();
+  tessel::RpcClient client("inproc://consumer_calls", std::chrono::seconds(20));
+  return call(client, "say", "hello") == "hello" &&
+         call(client, "sing", "hello") == "no such method: sing";
+}
+
 // What the library throws is caught here by the type that the header declares.
 bool catchesErrors() {
   try {
@@ -65,5 +102,5 @@ int main() {
   const std::string received = inbox->wait();
 
   std::printf("tessel %s: %s\n", TESSEL_VERSION, received.c_str());
-  return received == sent && catchesErrors() ? 0 : 1;
+  return received == sent && callsAreAnswered() && catchesErrors() ? 0 : 1;
 }

@@ -12,11 +12,11 @@ endforeach()
 if(CONSUMER_FETCHES)
   # [fetch]
   include(FetchContent)
-  FetchContent_Declare(tessel SOURCE_DIR ${CONSUMER_EMBEDS})
+  FetchContent_Declare(tessel SOURCE_DIR ${TESSEL_SOURCES})
   FetchContent_MakeAvailable(tessel)
   # [fetch]
 else()
-  add_subdirectory(${CONSUMER_EMBEDS} tessel)
+  add_subdirectory(${TESSEL_SOURCES} tessel)
 endif()
 
 foreach(property ${watched_properties})
