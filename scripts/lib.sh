@@ -11,7 +11,9 @@ check_packages=("${build_packages[@]}" binutils clang clang-format dpkg-dev
 packaging_packages=("${build_packages[@]}" abigail-tools dpkg-dev lintian)
 # What scripts/bench --peers compares with.
 peer_packages=(cyclonedds-dev cyclonedds-tools libhiredis-dev libmosquitto-dev libnats-dev
-  libnng-dev mosquitto nats-server redis-server)
+  libnng-dev mosquitto nats-server redis-server
+  capnproto libcapnp-dev libgrpc++-dev libprotobuf-dev libzeroc-ice-dev protobuf-compiler
+  protobuf-compiler-grpc zeroc-ice-compilers)
 analysis_packages=("${check_packages[@]}" clang-tidy clang-tools-14 cppcheck)
 
 say() { printf '%s\n' "$*"; }
