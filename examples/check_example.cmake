@@ -1,9 +1,10 @@
-# cmake -D PROGRAM=... -D SOURCE=... -P check_example.cmake
+# cmake -D PROGRAM=... -D SOURCE=... [-D ARGUMENTS=...] -P check_example.cmake
 # Fails unless the program prints what the comment at the end of its source says and ends well, and
-# unless it explains itself when it is asked to and refuses what it does not know.
+# unless it explains itself when it is asked to and refuses what it does not know. One that waits
+# for a line gets it.
 
 function(run_example arguments expected_status)
-  execute_process(COMMAND ${PROGRAM} ${arguments} TIMEOUT 100
+  execute_process(COMMAND ${PROGRAM} ${arguments} TIMEOUT 100 INPUT_FILE ${SOURCE}
     RESULT_VARIABLE status OUTPUT_VARIABLE output ERROR_VARIABLE errors)
   if(NOT status EQUAL expected_status OR NOT errors STREQUAL "")
     message(FATAL_ERROR "${PROGRAM} ${arguments}: status ${status}\n${output}${errors}")
@@ -22,7 +23,7 @@ math(EXPR begin "${begin} + ${length}")
 string(SUBSTRING "${source}" ${begin} -1 expected)
 string(REGEX REPLACE "(^|\n)// ?" "\\1" expected "${expected}")
 
-run_example("" 0)
+run_example("${ARGUMENTS}" 0)
 if(NOT output STREQUAL expected)
   message(FATAL_ERROR "expected:\n${expected}\nprinted:\n${output}")
 endif()
