@@ -63,8 +63,11 @@ class Client {
 
   int handle() const { return mosquitto_socket(client_); }
   void read() { check(mosquitto_loop_read(client_, 1)); }
-  void subscribe(const std::string& pattern) {
-    check(mosquitto_subscribe(client_, nullptr, pattern.c_str(), 0));
+  void subscribe(const std::vector<std::string>& topics) {
+    std::vector<char*> patterns;
+    for (const std::string& topic : topics) patterns.push_back(const_cast<char*>(topic.c_str()));
+    check(mosquitto_subscribe_multiple(client_, nullptr, static_cast<int>(patterns.size()),
+                                       patterns.data(), 0, 0, nullptr));
     flush();
   }
   void publish(const std::string& topic, const void* data, std::size_t size, bool retain = false) {
@@ -98,7 +101,7 @@ class MosquittoPeer {
     for (std::size_t i = 0; i < subscriptions; ++i) {
       clients_.push_back(std::make_unique<Client>(
           server_, [=](const void* data, std::size_t size) { callback(i, data, size); }));
-      clients_.back()->subscribe(topicOf(kTag));
+      clients_.back()->subscribe({topic_});
       handles.push_back(clients_.back()->handle());
     }
     reader_ =
@@ -114,7 +117,8 @@ class MosquittoPeer {
   std::unique_ptr<ReaderThread> reader_;
 };
 
-/// One wildcard subscription to all that is retained.
+/// Retained messages, for a client that subscribes to each by its name or to all by a wildcard.
+template <bool kByName>
 class MosquittoCache {
  public:
   static constexpr const char* kName = "mosquitto";
@@ -128,11 +132,16 @@ class MosquittoCache {
     }
     waitForServer();
   }
-  void prepare(int /*count*/, const Callback& callback) {
+  void prepare(int count, const Callback& callback) {
+    if (kByName) {
+      for (int i = 0; i < count; ++i) topics_.push_back(topicOf(cachedTag(i)));
+    } else {
+      topics_.push_back(topicOf("#"));
+    }
     consumer_ = std::make_unique<Client>(server_, callback);
   }
   void join() {
-    consumer_->subscribe(topicOf("#"));
+    consumer_->subscribe(topics_);
     reader_ = std::make_unique<ReaderThread>(std::vector<int>{consumer_->handle()},
                                              [this](std::size_t) { consumer_->read(); });
   }
@@ -142,7 +151,7 @@ class MosquittoCache {
   void waitForServer() {
     bool back = false;
     Client fence(server_, [&](const void*, std::size_t) { back = true; });
-    fence.subscribe("fence");
+    fence.subscribe({"fence"});
     while (!back) {
       publisher_.publish("fence", "", 0);
       pollfd readable{fence.handle(), POLLIN, 0};
@@ -153,6 +162,7 @@ class MosquittoCache {
   const Server server_;
   Client publisher_{server_};
   std::unique_ptr<Client> consumer_;
+  std::vector<std::string> topics_;
   std::unique_ptr<ReaderThread> reader_;
 };
 
@@ -163,7 +173,8 @@ int main(int argc, char** argv) {
   using namespace tessel::bench;
   mosquitto_lib_init();
   registerPeer<MosquittoPeer>();
-  registerPeerReplay<MosquittoCache>();
-  registerPeerMemory<MosquittoCache>();
+  registerPeerReplay<MosquittoCache<true>>("replay");
+  registerPeerReplay<MosquittoCache<false>>("replay_all");
+  registerPeerMemory<MosquittoCache<false>>();
   return runBenchmarks(argc, argv);
 }

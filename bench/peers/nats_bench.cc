@@ -168,7 +168,7 @@ int main(int argc, char** argv) {
   nats_Open(-1);
   nats_SetMessageDeliveryPoolSize(1);
   registerPeer<NatsPeer>();
-  registerPeerReplay<NatsCache>();
+  registerPeerReplay<NatsCache>("replay_all");
   registerPeerMemory<NatsCache>();
   const int result = runBenchmarks(argc, argv);
   nats_Close();

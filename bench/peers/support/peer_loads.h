@@ -144,11 +144,13 @@ void registerPeer(const std::vector<Transport>& transports = {Transport::kTcp}) 
   });
 }
 
+/// "replay" for a consumer that names each key, as the library's does; "replay_all" for one that
+/// asks for all at once.
 template <typename Cache>
-void registerPeerReplay() {
+void registerPeerReplay(const std::string& title) {
   for (const int keys : {10000, 100000}) {
     benchmark::RegisterBenchmark(
-        ("replay/tcp/" + std::to_string(keys) + "/" + Cache::kName).c_str(),
+        (title + "/tcp/" + std::to_string(keys) + "/" + Cache::kName).c_str(),
         [=](benchmark::State& state) { replay<Cache>(state, Transport::kTcp, keys); })
         ->UseManualTime()
         ->Iterations(1);
