@@ -82,7 +82,7 @@ extern "C" {
   require(receiveNotification(table.socket(), received, ZMQ_DONTWAIT));
   deliveries.clear();
   table.visitMatches(received.key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
-    deliveries.add(subscription);
+    deliveries.add(*subscription);
     return true;
   });
   deliveries.run(std::move(received), queue);

@@ -1,18 +1,37 @@
 #include "pubsub/deliveries.h"
 
+#include <algorithm>
+#include <iterator>
+
 namespace tessel {
 namespace {
 
 // Whose callbacks the thread runs; set once and for all, since a worker serves one dispatcher only.
 thread_local const Deliveries* served = nullptr;
 
-void deliver(const SubscriptionBase& subscription, const ReceivedNotification& value) {
-  if (value.withdrawn()) {
-    subscription.deliverDeletion(value.key);
-  } else {
-    subscription.deliverValue(value.key, value.value.data(), value.value.size());
+// Calls one subscriber after the other with the same value, which is asked for its bytes once.
+class Delivery {
+ public:
+  explicit Delivery(const ReceivedNotification& value)
+      : key_(value.key),
+        withdrawn_(value.withdrawn()),
+        data_(value.value.data()),
+        size_(value.value.size()) {}
+
+  void operator()(const SubscriptionBase& subscription) const {
+    if (withdrawn_) {
+      subscription.deliverDeletion(key_);
+    } else {
+      subscription.deliverValue(key_, data_, size_);
+    }
   }
-}
+
+ private:
+  const std::string& key_;
+  const bool withdrawn_;
+  const void* const data_;
+  const std::size_t size_;
+};
 
 }  // namespace
 
@@ -20,7 +39,6 @@ void Deliveries::run(ReceivedNotification&& value, WorkQueue& queue) {
   std::swap(value_, value);  // back goes the memory of the last key
   if (subscriptions_.empty()) return clear();
   next_ = 0;
-  unfinished_ = subscriptions_.size();
   called_ = 0;
   callWorker(queue);
 }
@@ -42,16 +60,26 @@ bool Deliveries::finish(WorkQueue& queue) {
   return queue.waitIdle();
 }
 
-void Deliveries::clear() {
-  subscriptions_.clear();
-  value_.value = ZmqFrame();
+void Deliveries::keep(Subscriptions&& subscriptions) {
+  Subscriptions released = std::move(subscriptions);
+  if (released.empty()) return;
+  const Lock lock(keptMutex_);
+  if (unfinished_ == 0) return;
+  std::move(released.begin(), released.end(), std::back_inserter(kept_));
+}
+
+Deliveries::Subscriptions Deliveries::takeKept() {
+  Subscriptions taken;
+  const Lock lock(keptMutex_);
+  taken.swap(kept_);
+  return taken;
 }
 
 Deliveries::Subscriptions Deliveries::takeBack() {
-  Subscriptions taken;
-  taken.swap(subscriptions_);
-  clear();
-  return taken;
+  subscriptions_.clear();
+  unfinished_ = 0;
+  value_.value = ZmqFrame();
+  return takeKept();
 }
 
 bool Deliveries::isOnWorker() const { return served == this; }
@@ -59,13 +87,14 @@ bool Deliveries::isOnWorker() const { return served == this; }
 void Deliveries::work() {
   served = this;
   const std::size_t count = subscriptions_.size();
+  std::size_t mine = next_++;
+  if (mine >= count) return;  // one called late: the value may be gone by now
+  const Delivery deliver(value_);
   std::size_t finished = 0;
-  for (std::size_t mine = next_++; mine < count; mine = next_++, ++finished) {
-    // Its own from here on, to be let go of when it has been called.
-    const std::shared_ptr<SubscriptionBase> subscription = std::move(subscriptions_[mine]);
-    deliver(*subscription, value_);
-  }
-  if (finished != 0 && unfinished_.fetch_sub(finished) == finished) value_.value = ZmqFrame();
+  for (; mine < count; mine = next_++, ++finished) deliver(*subscriptions_[mine]);
+  if (unfinished_.fetch_sub(finished) != finished) return;
+  value_.value = ZmqFrame();
+  takeKept();
 }
 
 }  // namespace tessel

@@ -9,6 +9,7 @@
 
 #include "messages/value_notification.h"
 #include "pubsub/subscription.h"
+#include "transport/mutex.h"
 #include "transport/work_queue.h"
 
 namespace tessel {
@@ -27,10 +28,16 @@ class Deliveries {
 
   // Of the dispatcher thread.
 
-  /// Adds a callback for the next value, while nothing is under way.
-  void add(std::shared_ptr<SubscriptionBase> subscription) {
-    subscriptions_.push_back(std::move(subscription));
+  /// Adds a callback for the next value, while nothing is under way. No owner is counted in and out
+  /// for it: that took the count from one processor to the other for each callback. So who lets go
+  /// of a subscription meanwhile hands it to keep().
+  void add(const SubscriptionBase& subscription) {
+    subscriptions_.push_back(&subscription);
+    unfinished_.store(subscriptions_.size(), std::memory_order_relaxed);
   }
+  /// Owns subscriptions that may have been added until the callbacks of the value have returned; or
+  /// releases them, when nothing was added or is under way.
+  void keep(Subscriptions&& subscriptions) TESSEL_EXCLUDES(keptMutex_);
   /// Calls what was added with the value. Under way until the queue is idle.
   void run(ReceivedNotification&& value, WorkQueue& queue);
   /// Has every worker take part for whom there is a callback left. Before a sleep, since a callback
@@ -42,26 +49,32 @@ class Deliveries {
   /// Keeps what has not begun from beginning. When the dispatcher thread has ended.
   void abandon() { next_ = subscriptions_.size(); }
   /// Releases everything, when nothing is under way.
-  void clear();
-  /// The same, but the subscriptions are released with what is returned.
-  Subscriptions takeBack();
+  void clear() TESSEL_EXCLUDES(keptMutex_) { takeBack(); }
+  /// The same, but the subscriptions kept are released with what is returned.
+  Subscriptions takeBack() TESSEL_EXCLUDES(keptMutex_);
   /// Whether the calling thread is a worker that has run callbacks from here.
   bool isOnWorker() const;
 
  private:
   void callWorker(WorkQueue& queue);
   void work();
+  Subscriptions takeKept() TESSEL_EXCLUDES(keptMutex_);
 
   const std::size_t workerCount_;
   std::size_t called_ = 0;  // workers; the dispatcher thread's own
 
-  // Changed by the dispatcher thread while nothing is under way, then by the worker whose turn it
-  // is: he moves out what he calls, and whoever is the last to leave empties the value.
-  Subscriptions subscriptions_;
+  // Changed by the dispatcher thread while nothing is under way; the worker who is the last to
+  // leave empties the value.
+  std::vector<const SubscriptionBase*> subscriptions_;
   ReceivedNotification value_;
 
   std::atomic<std::size_t> next_{0};        // the first subscription that nobody has taken
   std::atomic<std::size_t> unfinished_{0};  // callbacks, but for those of workers that are at it
+
+  Mutex keptMutex_;
+  // Those of subscriptions_ that nobody else may own any more. The worker who is the last to leave
+  // releases them, without the lock, since what is freed with them may be the application's.
+  Subscriptions kept_ TESSEL_GUARDED_BY(keptMutex_);
 };
 
 }  // namespace tessel

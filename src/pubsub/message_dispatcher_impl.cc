@@ -115,8 +115,8 @@ void MessageDispatcherImpl::run() {
   }
   // A callback that runs may wait for one that nobody was called for yet, which still may begin.
   deliveries_.callWorkers(*deliveryQueue_);
-  updates_.unsubscribeAll();
-  cache_.unsubscribeAll();
+  deliveries_.keep(updates_.unsubscribeAll());
+  deliveries_.keep(cache_.unsubscribeAll());
   threadId_ = std::thread::id();
 }
 
@@ -163,10 +163,10 @@ void MessageDispatcherImpl::applyRegistrations() {
     table.add(std::move(subscription));
   }
   for (const std::shared_ptr<SubscriptionBase>& like : unregistrations) {
-    tableOf(*like).removeOne(*like);
+    deliveries_.keep(tableOf(*like).removeOne(*like));
   }
-  updates_.removeExpired();
-  cache_.removeExpired();
+  deliveries_.keep(updates_.removeExpired());
+  deliveries_.keep(cache_.removeExpired());
 }
 
 SubscriptionTable& MessageDispatcherImpl::tableOf(const SubscriptionBase& subscription) {
@@ -182,12 +182,18 @@ bool MessageDispatcherImpl::serveMessage(SubscriptionTable& table) {
 
 void MessageDispatcherImpl::dispatch(SubscriptionTable& table) {
   deliveries_.clear();
-  table.visitMatches(received_.key, [&](const std::shared_ptr<SubscriptionBase>& subscription) {
+  const auto add = [&](const std::shared_ptr<SubscriptionBase>& subscription) {
     if (received_.replayed() && subscription->delivered()) return true;
+    // Whether a subscriber has gone is the worker's to see, who counts himself in as its owner: to
+    // look from here as well takes that count away from his processor, for every callback. But who
+    // has gone keeps his place until the next sweep, and needs no worker where there is none.
+    const bool once = subscription->mode() == SubscriptionMode::Once;
+    if ((once || workerCount_ == 0) && subscription->isExpired()) return true;
     subscription->setDelivered();
-    deliveries_.add(subscription);
-    return subscription->mode() != SubscriptionMode::Once;
-  });
+    deliveries_.add(*subscription);
+    return !once;
+  };
+  deliveries_.keep(table.visitMatches(received_.key, add));
   deliveries_.run(std::move(received_), *deliveryQueue_);
 }
 

@@ -3,22 +3,21 @@
 
 namespace tessel {
 
-MultiSubscriberImpl::MultiSubscriberImpl(MultiSubscriber& owner, const std::string& prefix)
-    : owner_(owner), prefix_(prefix) {}
+MultiSubscriberImpl::MultiSubscriberImpl(const std::string& prefix) : prefix_(prefix) {}
 
-void MultiSubscriberImpl::deliverValue(const std::string& key, const void* data,
-                                       std::size_t size) const {
+void MultiSubscriberImpl::deliverValue(MultiSubscriber& subscriber, const std::string& key,
+                                       const void* data, std::size_t size) {
   const TopicAndTag parts = splitKey(key);
-  owner_.onValue(parts.topic, parts.tag, data, size);
+  subscriber.onValue(parts.topic, parts.tag, data, size);
 }
 
-void MultiSubscriberImpl::deliverDeletion(const std::string& key) const {
+void MultiSubscriberImpl::deliverDeletion(MultiSubscriber& subscriber, const std::string& key) {
   const TopicAndTag parts = splitKey(key);
-  owner_.onDeletion(parts.topic, parts.tag);
+  subscriber.onDeletion(parts.topic, parts.tag);
 }
 
 MultiSubscriber::MultiSubscriber(const std::string& prefix)
-    : impl_(std::make_unique<MultiSubscriberImpl>(*this, prefix)) {}
+    : impl_(std::make_unique<MultiSubscriberImpl>(prefix)) {}
 
 // An empty tag stays empty here: the prefix then covers every tag of the topic.
 MultiSubscriber::MultiSubscriber(const std::string& topic, const std::string& tag)

@@ -11,7 +11,7 @@ namespace tessel {
 /// What a MultiSubscriber was made with; unchanged from then on, so any thread may read it.
 class MultiSubscriberImpl {
  public:
-  MultiSubscriberImpl(MultiSubscriber& owner, const std::string& prefix);
+  explicit MultiSubscriberImpl(const std::string& prefix);
 
   static const MultiSubscriberImpl& of(const MultiSubscriber& subscriber) {
     return *subscriber.impl_;
@@ -20,11 +20,11 @@ class MultiSubscriberImpl {
   static SubscriptionMode mode() { return SubscriptionMode::NewValues; }
   const std::string& key() const { return prefix_; }
 
-  void deliverValue(const std::string& key, const void* data, std::size_t size) const;
-  void deliverDeletion(const std::string& key) const;
+  static void deliverValue(MultiSubscriber& subscriber, const std::string& key, const void* data,
+                           std::size_t size);
+  static void deliverDeletion(MultiSubscriber& subscriber, const std::string& key);
 
  private:
-  MultiSubscriber& owner_;
   const std::string prefix_;
 };
 

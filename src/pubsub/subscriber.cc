@@ -3,23 +3,15 @@
 
 namespace tessel {
 
-SubscriberImpl::SubscriberImpl(Subscriber& owner, SubscriptionMode mode, const std::string& topic,
+SubscriberImpl::SubscriberImpl(SubscriptionMode mode, const std::string& topic,
                                const std::string& tag)
-    : owner_(owner),
-      mode_(mode),
+    : mode_(mode),
       topic_(topic),
       tag_(tag.empty() ? kDefaultTag : tag),
       key_(joinKey(topic_, tag_)) {}
 
-void SubscriberImpl::deliverValue(const std::string& /*key*/, const void* data,
-                                  std::size_t size) const {
-  owner_.onValue(data, size);
-}
-
-void SubscriberImpl::deliverDeletion(const std::string& /*key*/) const { owner_.onDeletion(); }
-
 Subscriber::Subscriber(SubscriptionMode mode, const std::string& topic, const std::string& tag)
-    : impl_(std::make_unique<SubscriberImpl>(*this, mode, topic, tag)) {}
+    : impl_(std::make_unique<SubscriberImpl>(mode, topic, tag)) {}
 
 Subscriber::~Subscriber() = default;
 

@@ -11,8 +11,7 @@ namespace tessel {
 /// What a Subscriber was made with; unchanged from then on, so any thread may read it.
 class SubscriberImpl {
  public:
-  SubscriberImpl(Subscriber& owner, SubscriptionMode mode, const std::string& topic,
-                 const std::string& tag);
+  SubscriberImpl(SubscriptionMode mode, const std::string& topic, const std::string& tag);
 
   static const SubscriberImpl& of(const Subscriber& subscriber) { return *subscriber.impl_; }
 
@@ -21,11 +20,15 @@ class SubscriberImpl {
   const std::string& tag() const { return tag_; }
   const std::string& key() const { return key_; }
 
-  void deliverValue(const std::string& key, const void* data, std::size_t size) const;
-  void deliverDeletion(const std::string& key) const;
+  static void deliverValue(Subscriber& subscriber, const std::string& /*key*/, const void* data,
+                           std::size_t size) {
+    subscriber.onValue(data, size);
+  }
+  static void deliverDeletion(Subscriber& subscriber, const std::string& /*key*/) {
+    subscriber.onDeletion();
+  }
 
  private:
-  Subscriber& owner_;
   const SubscriptionMode mode_;
   const std::string topic_;
   const std::string tag_;

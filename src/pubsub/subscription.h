@@ -25,8 +25,6 @@ class SubscriptionBase {
 
   /// Whether both are registrations of one subscriber that is still alive.
   virtual bool isSameSubscriber(const SubscriptionBase& other) const = 0;
-  /// Whether a value of that key is for the subscriber; never, when it has gone.
-  virtual bool matches(const std::string& key) const = 0;
   /// Call the subscriber, or do nothing when it has gone.
   virtual void deliverValue(const std::string& key, const void* data, std::size_t size) const = 0;
   virtual void deliverDeletion(const std::string& key) const = 0;
@@ -36,6 +34,8 @@ class SubscriptionBase {
   /// The exact key, or the prefix of many: what the socket subscribes to.
   const std::string& key() const { return key_; }
   bool isPrefix() const { return isPrefix_; }
+  /// Whether a value of that key is for the subscriber, if it has not gone.
+  bool isFor(const std::string& key) const;
 
   /// Whether replays from the cache are no longer for it: it has had a value, or wants new ones
   /// only. The dispatcher thread's own.
@@ -63,6 +63,10 @@ inline bool beginsWith(const std::string& key, const std::string& prefix) {
          std::strncmp(key.c_str(), prefix.c_str(), prefix.size()) == 0;
 }
 
+inline bool SubscriptionBase::isFor(const std::string& key) const {
+  return isPrefix_ ? beginsWith(key, key_) : key == key_;
+}
+
 /// T is Subscriber or MultiSubscriber.
 template <typename T>
 class Subscription : public SubscriptionBase {
@@ -81,16 +85,13 @@ class Subscription : public SubscriptionBase {
     const auto* same = dynamic_cast<const Subscription<T>*>(&other);
     return same != nullptr && identity_ == same->identity_ && !isExpired() && !same->isExpired();
   }
-  bool matches(const std::string& key) const override {
-    return !isExpired() && (kIsPrefix ? beginsWith(key, this->key()) : key == this->key());
-  }
   void deliverValue(const std::string& key, const void* data, std::size_t size) const override {
     if (const std::shared_ptr<T> alive = subscriber_.lock()) {
-      Impl::of(*alive).deliverValue(key, data, size);
+      Impl::deliverValue(*alive, key, data, size);
     }
   }
   void deliverDeletion(const std::string& key) const override {
-    if (const std::shared_ptr<T> alive = subscriber_.lock()) Impl::of(*alive).deliverDeletion(key);
+    if (const std::shared_ptr<T> alive = subscriber_.lock()) Impl::deliverDeletion(*alive, key);
   }
   bool isExpired() const override { return subscriber_.expired(); }
 

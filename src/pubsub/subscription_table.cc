@@ -42,34 +42,37 @@ void SubscriptionTable::add(Entry entry) {
   group.push_back(std::move(entry));
 }
 
-void SubscriptionTable::removeOne(const SubscriptionBase& like) {
-  bool removed = false;
-  filterGroup(indexOf(like), indexKey(like), [&](const Entry& entry) {
-    if (removed || entry->key() != like.key() || !entry->isSameSubscriber(like)) return false;
+SubscriptionTable::Group SubscriptionTable::removeOne(const SubscriptionBase& like) {
+  Group removed;
+  const auto isIt = [&](const Entry& entry) {
+    if (!removed.empty() || entry->key() != like.key() || !entry->isSameSubscriber(like)) {
+      return false;
+    }
     unsubscribe(*entry);
-    removed = true;
     return true;
-  });
+  };
+  filterGroup(indexOf(like), indexKey(like), isIt, removed);
+  return removed;
 }
 
-void SubscriptionTable::removeExpired() {
-  filterAll([this](const Entry& entry) {
+SubscriptionTable::Group SubscriptionTable::removeExpired() {
+  return filterAll([this](const Entry& entry) {
     if (!entry->isExpired()) return false;
     unsubscribe(*entry);
     return true;
   });
 }
 
-void SubscriptionTable::resubscribeAll() {
-  filterAll([this](const Entry& entry) {
+SubscriptionTable::Group SubscriptionTable::resubscribeAll() {
+  return filterAll([this](const Entry& entry) {
     if (entry->isExpired()) return true;
     subscribe(*entry);
     return false;
   });
 }
 
-void SubscriptionTable::unsubscribeAll() {
-  filterAll([this](const Entry& entry) {
+SubscriptionTable::Group SubscriptionTable::unsubscribeAll() {
+  return filterAll([this](const Entry& entry) {
     unsubscribe(*entry);
     return entry->isExpired();
   });
@@ -81,12 +84,14 @@ SubscriptionTable::Forgotten SubscriptionTable::clear() {
 }
 
 template <typename Remove>
-void SubscriptionTable::filterAll(const Remove& remove) {
+SubscriptionTable::Group SubscriptionTable::filterAll(const Remove& remove) {
+  Group removed;
   for (Index* index : {&exact_, &prefixes_}) {
     for (auto found = index->begin(); found != index->end();) {
-      found = filterGroup(*index, found, remove);
+      found = filterGroup(*index, found, remove, removed);
     }
   }
+  return removed;
 }
 
 void SubscriptionTable::forgetPrefixLength(std::size_t length) {

@@ -1,13 +1,13 @@
 #ifndef TESSEL_SRC_PUBSUB_SUBSCRIPTION_TABLE_H
 #define TESSEL_SRC_PUBSUB_SUBSCRIPTION_TABLE_H
 
-#include <algorithm>
 #include <cstddef>
 #include <iterator>
 #include <map>
 #include <memory>
 #include <string>
 #include <unordered_map>
+#include <utility>
 #include <vector>
 
 #include "pubsub/subscription.h"
@@ -40,35 +40,37 @@ class SubscriptionTable {
 
   /// Subscribes and stores; one subscriber may have several entries.
   void add(Entry entry);
+
+  // What the following remove is released with what they return.
+
   /// Removes and unsubscribes the first entry of the same key and subscriber, if there is one.
-  void removeOne(const SubscriptionBase& like);
+  Group removeOne(const SubscriptionBase& like);
   /// Removes and unsubscribes the entries whose subscribers have gone.
-  void removeExpired();
-
+  Group removeExpired();
   /// Forgets the entries whose subscribers have gone, unsubscribed before, and subscribes the rest.
-  void resubscribeAll();
+  Group resubscribeAll();
   /// Unsubscribes everything, and keeps the entries of living subscribers to subscribe them again.
-  void unsubscribeAll();
-  /// Forgets every entry; all must be unsubscribed. They are released with what is returned.
+  Group unsubscribeAll();
+  /// Forgets every entry; all must be unsubscribed.
   Forgotten clear();
-
-  /// Calls `visit(entry)` for each entry that the key is for; removes and unsubscribes those for
-  /// which it returns false.
+  /// Calls `visit(entry)` for each entry that the key is for, whether or not its subscriber has
+  /// gone; removes and unsubscribes those for which it returns false.
   template <typename Visit>
-  void visitMatches(const std::string& key, const Visit& visit);
+  Group visitMatches(const std::string& key, const Visit& visit);
 
  private:
   void subscribe(const SubscriptionBase& entry);
   void unsubscribe(const SubscriptionBase& entry);
   Index& indexOf(const SubscriptionBase& entry) { return entry.isPrefix() ? prefixes_ : exact_; }
-  // Removes the entries for which `remove(entry)` is true, from one group and from all; a group
-  // goes with its last entry, and what comes next is returned.
+  // Moves the entries for which `remove(entry)` is true to `removed`, from one group and from all;
+  // a group goes with its last entry, and what comes next is returned.
   template <typename Remove>
-  Index::iterator filterGroup(Index& index, Index::iterator found, const Remove& remove);
+  Index::iterator filterGroup(Index& index, Index::iterator found, const Remove& remove,
+                              Group& removed);
   template <typename Remove>
-  void filterGroup(Index& index, const std::string& indexKey, const Remove& remove);
+  void filterGroup(Index& index, const std::string& indexKey, const Remove& remove, Group& removed);
   template <typename Remove>
-  void filterAll(const Remove& remove);
+  Group filterAll(const Remove& remove);
   void forgetPrefixLength(std::size_t length);
 
   ZmqSocket socket_;
@@ -83,35 +85,52 @@ class SubscriptionTable {
 template <typename Remove>
 SubscriptionTable::Index::iterator SubscriptionTable::filterGroup(Index& index,
                                                                   Index::iterator found,
-                                                                  const Remove& remove) {
+                                                                  const Remove& remove,
+                                                                  Group& removed) {
   Group& group = found->second;
-  group.erase(std::remove_if(group.begin(), group.end(), remove), group.end());
+  auto stays = group.begin();
+  for (Entry& entry : group) {
+    if (remove(entry)) {
+      removed.push_back(std::move(entry));
+    } else {
+      if (&*stays != &entry) *stays = std::move(entry);
+      ++stays;
+    }
+  }
+  group.erase(stays, group.end());
   if (!group.empty()) return std::next(found);
   if (&index == &prefixes_) forgetPrefixLength(found->first.size());
   return index.erase(found);
 }
 
 template <typename Remove>
-void SubscriptionTable::filterGroup(Index& index, const std::string& indexKey,
-                                    const Remove& remove) {
+void SubscriptionTable::filterGroup(Index& index, const std::string& indexKey, const Remove& remove,
+                                    Group& removed) {
   const auto found = index.find(indexKey);
-  if (found != index.end()) filterGroup(index, found, remove);
+  if (found != index.end()) filterGroup(index, found, remove, removed);
 }
 
 template <typename Visit>
-void SubscriptionTable::visitMatches(const std::string& key, const Visit& visit) {
+SubscriptionTable::Group SubscriptionTable::visitMatches(const std::string& key,
+                                                         const Visit& visit) {
+  Group removed;
   const auto visitAndDrop = [&](const Entry& entry) {
-    if (!entry->matches(key) || visit(entry)) return false;
+    if (visit(entry)) return false;
     unsubscribe(*entry);
     return true;
   };
-  filterGroup(exact_, key, visitAndDrop);
+  // What is found by less than its whole text is compared.
+  const auto visitPrefixAndDrop = [&](const Entry& entry) {
+    return entry->isFor(key) && visitAndDrop(entry);
+  };
+  filterGroup(exact_, key, visitAndDrop, removed);
   for (auto length = prefixLengths_.begin(); length != prefixLengths_.end();) {
     if (length->first > key.size()) break;
     beginning_.assign(key, 0, length->first);
     ++length;  // before the group may go, and its length with it
-    filterGroup(prefixes_, beginning_, visitAndDrop);
+    filterGroup(prefixes_, beginning_, visitPrefixAndDrop, removed);
   }
+  return removed;
 }
 
 }  // namespace tessel

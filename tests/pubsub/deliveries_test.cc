@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstring>
 #include <functional>
 #include <memory>
 #include <utility>
@@ -40,7 +41,8 @@ class DeliveriesTest : public ::testing::Test {
   void add(Deliveries& deliveries, const std::function<void()>& call) {
     subscribers_.push_back(std::make_shared<CallingSubscriber>(call));
     const std::shared_ptr<Subscriber> subscriber = subscribers_.back();
-    deliveries.add(std::make_shared<Subscription<Subscriber>>(subscriber));
+    subscriptions_.push_back(std::make_shared<Subscription<Subscriber>>(subscriber));
+    deliveries.add(*subscriptions_.back());
   }
   void run(Deliveries& deliveries, WorkQueue& queue) {
     deliveries.run(value_.notification(), queue);
@@ -48,6 +50,7 @@ class DeliveriesTest : public ::testing::Test {
 
   WatchedValue value_;
   std::vector<std::shared_ptr<CallingSubscriber>> subscribers_;
+  Deliveries::Subscriptions subscriptions_;
 };
 
 TEST_F(DeliveriesTest, OneWorkerCallsInTheOrderOfAdding) {
@@ -107,6 +110,113 @@ TEST_F(DeliveriesTest, EachIsCalledOnceValueAfterValue) {
     ASSERT_EQ(called, count);
     deliveries.clear();
   }
+}
+
+// A worker may come when the others have done everything and the value is gone.
+TEST_F(DeliveriesTest, EachGetsTheBytesWhoeverCalls) {
+  Deliveries deliveries(4);
+  WorkQueue queue(4);
+  std::atomic<int> wrong{0};
+  std::vector<std::shared_ptr<Subscriber>> subscribers;
+  for (int i = 0; i < 5; ++i) {
+    const auto compare = [&](const void* data, std::size_t size) {
+      if (size != 8 || std::memcmp(data, "the same", size) != 0) ++wrong;
+    };
+    subscribers.push_back(
+        std::make_shared<CallingSubscriber>(SubscriptionMode::AllValues, "t", compare));
+    subscriptions_.push_back(std::make_shared<Subscription<Subscriber>>(subscribers.back()));
+  }
+  for (int round = 0; round < 2000; ++round) {
+    for (const auto& subscription : subscriptions_) deliveries.add(*subscription);
+    ReceivedNotification value;
+    value.key = "t:default";
+    value.value = ZmqFrame("the same", 8);
+    deliveries.run(std::move(value), queue);
+    deliveries.callWorkers(queue);
+    ASSERT_TRUE(queue.waitIdle());
+    deliveries.clear();
+  }
+  EXPECT_EQ(wrong, 0);
+}
+
+// What they keep is the test's own to let go of but for them.
+class DeliveriesThatKeep : public DeliveriesTest {
+ protected:
+  void keep(Deliveries& deliveries) {
+    last_ = subscriptions_.back();
+    deliveries.keep(std::move(subscriptions_));
+    subscriptions_.clear();
+  }
+
+  std::weak_ptr<SubscriptionBase> last_;
+};
+
+TEST_F(DeliveriesThatKeep, ReleaseWhatTheyKeepWhenTheLastCallbackHasReturned) {
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  Gate gate;
+  std::atomic<int> called{0};
+  std::atomic<bool> tooSoon{false};
+  for (int i = 0; i < 3; ++i) {
+    add(deliveries, [&] {
+      ++called;
+      gate.pass();
+      if (last_.expired()) tooSoon = true;
+    });
+  }
+  run(deliveries, queue);
+  EXPECT_TRUE(eventually([&] { return called == 1; }));
+  keep(deliveries);
+  EXPECT_FALSE(last_.expired());
+  gate.open();
+  EXPECT_TRUE(queue.waitIdle());
+  EXPECT_EQ(called, 3);
+  EXPECT_FALSE(tooSoon);
+  EXPECT_TRUE(last_.expired());
+}
+
+TEST_F(DeliveriesThatKeep, KeepWhatWasAddedAndIsNotUnderWayYet) {
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  std::atomic<int> called{0};
+  add(deliveries, [&] { ++called; });
+  keep(deliveries);
+  run(deliveries, queue);
+  EXPECT_TRUE(queue.waitIdle());
+  EXPECT_EQ(called, 1);
+  EXPECT_TRUE(last_.expired());
+}
+
+TEST_F(DeliveriesThatKeep, KeepNothingWhenNothingIsUnderWay) {
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  add(deliveries, [] {});
+  run(deliveries, queue);
+  EXPECT_TRUE(queue.waitIdle());
+  keep(deliveries);
+  EXPECT_TRUE(last_.expired());
+}
+
+TEST_F(DeliveriesThatKeep, GiveBackWhatIsNotCalledAnyMore) {
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  Gate gate;
+  std::atomic<int> called{0};
+  for (int i = 0; i < 2; ++i) {
+    add(deliveries, [&] {
+      ++called;
+      gate.pass();
+    });
+  }
+  run(deliveries, queue);
+  EXPECT_TRUE(eventually([&] { return called == 1; }));
+  keep(deliveries);
+  deliveries.abandon();
+  gate.open();
+  EXPECT_TRUE(queue.waitIdle());
+  EXPECT_FALSE(last_.expired());
+  EXPECT_EQ(deliveries.takeBack().size(), 2U);
+  EXPECT_TRUE(last_.expired());
 }
 
 TEST_F(DeliveriesTest, TheValueIsReleasedWhenTheLastCallbackHasReturned) {

@@ -679,6 +679,39 @@ TEST_F(SingleWorkerDelivery, SkipsADeletionForASubscriberDestroyedWhileItIsQueue
                                  valueMessage("t:default", "", kDeletedFlag));
 }
 
+// Its callback is queued when it is taken back, and for a while nobody else knows of it.
+TEST_F(SingleWorkerDelivery, ReachesASubscriberTakenBackWhileItsCallIsQueued) {
+  const auto held = std::make_shared<HeldSubscriber>(SubscriptionMode::NewValues, "t", "");
+  const auto multi = std::make_shared<RecordingMultiSubscriber>("t:d");
+  start();
+  subscribe(broker.updates, held, "t:default");
+  subscribe(broker.updates, multi, "t:d");
+  broker.updates.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(held->journal.waitFor(1));
+  dispatcher.unregisterSubscriber(multi);
+  EXPECT_EQ(broker.updates.receive(), unsubscribed("t:d"));
+  EXPECT_EQ(multi->journal.lines(), Lines{});
+  held->gate.open();
+  settle();
+  EXPECT_EQ(multi->journal.lines().size(), 1U);
+}
+
+TEST_F(DispatcherDelivery, OfOnceLeavesWhoHasGoneToTheNextWakeUp) {
+  auto gone = recorder(SubscriptionMode::Once, "t", "");
+  const auto alive = recorder(SubscriptionMode::AllValues, "u", "");
+  start();
+  subscribe(broker.cache, gone, "t:default");
+  subscribe(broker.cache, alive, "u:default");
+  settle();  // the wake-up that made the last one is over
+  gone.reset();
+  broker.cache.send(valueMessage("t:default", "1"));
+  broker.cache.send(valueMessage("u:default", "2"));
+  ASSERT_TRUE(alive->journal.waitFor(1));
+  const auto waker = recorder(SubscriptionMode::AllValues, "v", "");
+  subscribe(broker.cache, waker, "v:default");
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("t:default"));
+}
+
 // Tells who destroys it.
 class NotingSubscriber : public Subscriber {
  public:

@@ -488,6 +488,22 @@ TEST_F(DispatcherWithoutWorkers, TakesTheFirstValueAndGoesOnWithRegistrations) {
   EXPECT_EQ(subscriber->journal.lines(), Lines{});
 }
 
+TEST_F(DispatcherWithoutWorkers, IsNotHeldUpByAValueForThoseWhoHaveGone) {
+  auto gone = recorder(SubscriptionMode::AllValues, "t", "");
+  const auto once = recorder(SubscriptionMode::Once, "u", "");
+  dispatcher.start();
+  subscribe(broker.cache, gone, "t:default");
+  subscribe(broker.cache, once, "u:default");
+  gone.reset();
+  broker.cache.send(valueMessage("t:default", "1"));
+  broker.cache.send(valueMessage("t:default", "2"));
+  broker.cache.send(valueMessage("u:default", "3"));
+  Frames frames = broker.cache.receive();
+  // The wake-up that subscribed may have seen it go.
+  if (frames == unsubscribed("t:default")) frames = broker.cache.receive();
+  EXPECT_EQ(frames, unsubscribed("u:default"));  // so it was dispatched
+}
+
 // ---- on the dispatcher's own thread ----
 
 // The dispatcher's thread lets go of the last weak reference, so it runs foreign code here.

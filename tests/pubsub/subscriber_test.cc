@@ -72,12 +72,12 @@ TEST(Subscriber, NumbersItsModes) {
 }
 
 TEST(Subscriber, IgnoresCallbacksThatAreNotOverridden) {
-  const Subscriber subscriber(SubscriptionMode::AllValues, "t", "u");
-  SubscriberImpl::of(subscriber).deliverValue("t:u", "v", 1);
-  SubscriberImpl::of(subscriber).deliverDeletion("t:u");
-  const MultiSubscriber multi("t");
-  MultiSubscriberImpl::of(multi).deliverValue("t:u", "v", 1);
-  MultiSubscriberImpl::of(multi).deliverDeletion("t:u");
+  Subscriber subscriber(SubscriptionMode::AllValues, "t", "u");
+  SubscriberImpl::deliverValue(subscriber, "t:u", "v", 1);
+  SubscriberImpl::deliverDeletion(subscriber, "t:u");
+  MultiSubscriber multi("t");
+  MultiSubscriberImpl::deliverValue(multi, "t:u", "v", 1);
+  MultiSubscriberImpl::deliverDeletion(multi, "t:u");
 }
 
 template <typename T>

@@ -213,15 +213,38 @@ TEST_F(SubscriptionTableTest, DropsAndUnsubscribesWhatAVisitSays) {
   expectNothingMoreOnTheWire();
 }
 
-TEST_F(SubscriptionTableTest, VisitsNobodyWhoHasGone) {
+TEST_F(SubscriptionTableTest, LeavesItToTheVisitorWhoHasGone) {
   auto gone = subscriber("t");
   auto goneMulti = std::make_shared<MultiSubscriber>("t");
-  table.add(entryOf(gone));
-  table.add(entryOf(goneMulti));
+  const Entry single = entryOf(gone);
+  const Entry multi = entryOf(goneMulti);
+  table.add(single);
+  table.add(multi);
   gone.reset();
   goneMulti.reset();
-  EXPECT_THAT(matches("t:u"), UnorderedElementsAre());
+  EXPECT_THAT(matches("t:u"), UnorderedElementsAre(single, multi));
   EXPECT_EQ(table.size(), 2U);
+}
+
+TEST_F(SubscriptionTableTest, HandsOverWhatItRemoves) {
+  const auto one = subscriber("t");
+  auto gone = subscriber("gone");
+  auto lasting = std::make_shared<MultiSubscriber>("t");
+  const Entry removed = entryOf(one);
+  const Entry dropped = entryOf(one);
+  const Entry expired = entryOf(gone);
+  const Entry kept = entryOf(lasting);
+  for (const Entry& entry : {removed, dropped, expired, kept}) table.add(entry);
+  EXPECT_THAT(table.removeOne(*entryOf(one)), UnorderedElementsAre(removed));
+  EXPECT_THAT(table.removeOne(*entryOf(subscriber("t"))), UnorderedElementsAre());
+  EXPECT_THAT(table.visitMatches("t:u", [](const Entry& entry) { return entry->isPrefix(); }),
+              UnorderedElementsAre(dropped));
+  EXPECT_THAT(table.removeExpired(), UnorderedElementsAre());
+  gone.reset();
+  EXPECT_THAT(table.removeExpired(), UnorderedElementsAre(expired));
+  EXPECT_THAT(table.unsubscribeAll(), UnorderedElementsAre());
+  lasting.reset();
+  EXPECT_THAT(table.resubscribeAll(), UnorderedElementsAre(kept));
 }
 
 // The index must find what a walk over all entries would.
@@ -279,7 +302,7 @@ TEST_F(SubscriptionTableTest, FindsWhatAWalkOverAllEntriesFinds) {
     const std::string key = text();
     std::vector<Entry> expected;
     for (const Entry& entry : all) {
-      if (entry->matches(key)) expected.push_back(entry);
+      if (entry->isFor(key)) expected.push_back(entry);
     }
     ASSERT_THAT(matches(key), UnorderedElementsAreArray(expected)) << "round " << round;
     ASSERT_EQ(table.size(), all.size()) << "round " << round;
