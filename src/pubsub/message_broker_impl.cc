@@ -109,6 +109,7 @@ void MessageBrokerImpl::detach(const std::shared_ptr<MessageBrokerObserver>& obs
 
 void MessageBrokerImpl::run() {
   const NamedThread running(threadId_);
+  stopSignalUsed_ = true;  // by the last stop(), if there was one
   while (serveOnce()) {
   }
 }
@@ -117,7 +118,12 @@ bool MessageBrokerImpl::serveOnce() {
   if (stopRequested_) return false;
   if (idle_ || ++passesSincePoll_ >= kMaxPassesWithoutPoll) {
     passesSincePoll_ = 0;
-    poll_.wait();
+    if (idle_ && !stopSignalUsed_) {
+      poll_.waitFoundEmpty();
+    } else {
+      poll_.wait();
+    }
+    stopSignalUsed_ = false;
     if (stopRequested_ || poll_.readable(kStopItem)) return false;
   }
   const Inbound inbound = serveInbound();

@@ -109,6 +109,7 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
 
 void MessageDispatcherImpl::run() {
   threadId_ = std::this_thread::get_id();
+  wakeupUsed_ = true;  // perhaps, by the last stop()
   connectAgain();
   updates_.resubscribeAll();
   cache_.resubscribeAll();
@@ -126,7 +127,12 @@ bool MessageDispatcherImpl::serveOnce() {
   bool woken = false;
   if (idle_) {  // only when nothing waits: a poll costs several system calls
     deliveries_.callWorkers(*deliveryQueue_);
-    poll_.wait();
+    if (wakeupUsed_) {
+      poll_.wait();
+    } else {
+      poll_.waitFoundEmpty();
+    }
+    wakeupUsed_ = false;
     woken = poll_.readable(kWakeItem);  // also before the thread that signals could say so
   }
   if (stopRequested_) return false;
@@ -150,6 +156,7 @@ void MessageDispatcherImpl::connectAgain() {
 
 void MessageDispatcherImpl::applyRegistrations() {
   wakeup_.consume();
+  wakeupUsed_ = true;
   Subscriptions registrations;
   Subscriptions unregistrations;
   {

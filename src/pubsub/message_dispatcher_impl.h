@@ -71,6 +71,7 @@ class MessageDispatcherImpl {
   ReceivedNotification received_;  // the message in hand; kept for the memory of its key
   Deliveries deliveries_;          // of the last one dispatched; outlives the queue that runs them
   bool idle_ = true;               // the last pass found nothing to read
+  bool wakeupUsed_ = true;         // since the poll found that there is none
 
   // Made before the thread starts and destroyed after it was joined, so it needs no lock.
   std::unique_ptr<WorkQueue> deliveryQueue_;

@@ -38,11 +38,17 @@ void PollSet::replace(std::size_t index, void* handle) {
 // system calls each, once more when it wakes, while the message waits.
 void PollSet::wait() {
   for (zmq_pollitem_t& signal : signals_) signal.revents = ZMQ_POLLIN;
-  while (!look()) {
+  if (!look()) waitFoundEmpty();
+}
+
+// To find a socket empty is to have taken all that it was signalled: what comes later is signalled
+// anew.
+void PollSet::waitFoundEmpty() {
+  do {
     while (zmq_poll(signals_.data(), static_cast<int>(signals_.size()), -1) < 0) {
       if (zmq_errno() != EINTR) throwZmqError();
     }
-  }
+  } while (!look());
 }
 
 bool PollSet::look() {

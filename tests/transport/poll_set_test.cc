@@ -57,6 +57,29 @@ TEST(PollSet, WaitsUntilAnotherThreadSends) {
   other.join();
 }
 
+// Whoever has found a socket empty is told of what comes later, if only a moment.
+TEST(PollSet, WakesThoseWhoHaveFoundTheirSocketsEmpty) {
+  const std::string endpoint = uniqueInproc();
+  RawPeer peer(ZMQ_PAIR);
+  peer.bind(endpoint);
+  ZmqSocket reader(ZMQ_PAIR, endpoint);
+  ZmqEvent event;
+  event.signal();
+  PollSet poll{event.pollHandle(), reader.handle()};
+  poll.wait();
+  event.consume();
+  for (int round = 0; round < 300; ++round) {
+    ZmqFrame frame;
+    ASSERT_FALSE(reader.receive(frame, ZMQ_DONTWAIT));
+    std::thread other([&] { peer.send({"sent"}); });
+    poll.waitFoundEmpty();
+    other.join();
+    ASSERT_TRUE(poll.readable(1));
+    ASSERT_FALSE(poll.readable(0));
+    ASSERT_TRUE(reader.receive(frame, ZMQ_DONTWAIT));
+  }
+}
+
 TEST(PollSet, DoesNotWakeForAPeerThatCouldBeWrittenTo) {
   const std::string endpoint = uniqueInproc();
   RawPeer peer(ZMQ_PAIR);
