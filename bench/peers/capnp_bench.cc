@@ -20,7 +20,7 @@ namespace {
 // Without it every message begins with 8 KiB that are cleared.
 capnp::MessageSize room(std::size_t size) { return {size / sizeof(capnp::word) + 8, 0}; }
 
-class EchoServer : public Echo::Server {
+class EchoServer final : public Echo::Server {
  protected:
   kj::Promise<void> call(CallContext context) override {
     const auto question = context.getParams().getQuestion();

@@ -14,7 +14,7 @@
 namespace tessel::bench::peers {
 namespace {
 
-class EchoService : public Echo::Service {
+class EchoService final : public Echo::Service {
  public:
   grpc::Status Call(grpc::ServerContext*, const Payload* question, Payload* answer) override {
     answer->set_bytes(question->bytes());

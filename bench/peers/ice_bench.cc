@@ -14,7 +14,7 @@
 namespace tessel::bench::peers {
 namespace {
 
-class EchoServant : public Echo {
+class EchoServant final : public Echo {
  public:
   Ice::ByteSeq call(Ice::ByteSeq question, const Ice::Current&) override { return question; }
 };

@@ -15,7 +15,7 @@ constexpr std::size_t kWorkers = 4;
 /// its quickest road within the process beside the local one.
 template <typename Tcp, typename Local>
 void addPeerCalls(const std::string& peer) {
-  for (const std::size_t threads : {1, 4}) {
+  for (const std::size_t threads : {1U, 4U}) {
     addCalls<Tcp>("master", {Transport::kTcp, threads, kSmallCall, kCalls}, "/" + peer);
     addCalls<Local>("local", {Transport::kInproc, threads, kSmallCall, kLocalCalls}, "/" + peer);
   }
