@@ -11,6 +11,7 @@
 #include <cstdint>
 #include <functional>
 #include <memory>
+#include <stdexcept>
 #include <string>
 #include <thread>
 #include <utility>
@@ -149,8 +150,10 @@ OpenRoad<Road>::OpenRoad(Transport transport, std::size_t size,
         }
       }) {
   std::uint64_t probe = kProbe;
+  int tries = 0;
   // The last one sent is behind all others, so once it has come none is left.
   do {
+    if (++tries > 10000) throw std::runtime_error("nothing arrives");
     publish(++probe);
     std::this_thread::sleep_for(std::chrono::milliseconds(5));
   } while (lastProbe_ != probe);

@@ -132,7 +132,7 @@ void registerPeer(const std::vector<Transport>& transports = {Transport::kTcp}) 
   };
   for (const Transport transport : transports) {
     const std::string over = transport == Transport::kTcp ? "tcp/" : "inproc/";
-    for (const std::size_t size : {16, 1024, 65536}) {
+    for (const std::size_t size : {std::size_t{16}, std::size_t{1024}, std::size_t{65536}}) {
       add("throughput/" + over + std::to_string(size) + "/" + name,
           [=](benchmark::State& state) { throughput<PeerRoad<Peer>>(state, transport, size); });
     }
