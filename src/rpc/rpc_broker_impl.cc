@@ -20,7 +20,9 @@ namespace {
 
 constexpr int kNoHighWaterMark = 0;
 
-constexpr std::size_t kMainItem = 1;  // in the poll set
+// In the poll set.
+constexpr std::size_t kMainItem = 1;
+constexpr std::size_t kInternalItem = 2;  // a slave's
 
 const std::string& onlyTransport(const std::vector<std::string>& transports) {
   if (transports.size() != 1) {
@@ -247,6 +249,7 @@ void RpcBrokerImpl::joinThread() {
 
 void RpcBrokerImpl::run(const ServiceKeys& announced) {
   threadId_ = std::this_thread::get_id();
+  lastPass_ = Pass::kNone;
   if (!master_) announce(announced, Announce::kOffer);
   while (serveOnce()) {
   }
@@ -286,16 +289,23 @@ void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {
 
 bool RpcBrokerImpl::serveOnce() {
   if (stopRequested_) return false;
-  if (idle_) {  // only when nothing waits: a poll costs several system calls
-    // A slave's is made anew by sending, when its master was of this process and has gone.
-    poll_.replace(kMainItem, mainSocket_.handle());
-    poll_.wait();
-  }
+  const bool waits = lastPass_ != Pass::kServed;
+  if (waits) waitForWork();  // only when nothing is there: it costs several system calls
   if (stopRequested_) return false;
   const bool main = serveMain();
-  const bool internal = !master_ && serveInternal();
-  idle_ = !main && !internal;
+  const bool internal = !master_ && (!waits || poll_.readable(kInternalItem)) && serveInternal();
+  lastPass_ = main || internal ? Pass::kServed : Pass::kFoundNothing;
   return true;
+}
+
+void RpcBrokerImpl::waitForWork() {
+  // A slave's is made anew by sending, when its master was of this process and has gone.
+  poll_.replace(kMainItem, mainSocket_.handle());
+  if (lastPass_ == Pass::kNone) {
+    poll_.wait();
+  } else {
+    poll_.waitFoundEmpty();
+  }
 }
 
 bool RpcBrokerImpl::serveMain() {

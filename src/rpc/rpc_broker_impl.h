@@ -82,11 +82,13 @@ class RpcBrokerImpl {
   using Services = std::map<ServiceKey, std::shared_ptr<Service>, ServiceKeyLess>;
   enum class Announce { kOffer, kWithdraw };
   using Change = std::pair<Announce, ServiceKey>;
+  enum class Pass { kNone, kServed, kFoundNothing };
   // What becomes of a start() or stop(): it goes ahead, with the lock held; or it does not, since
   // the broker's own thread makes it, or one that may be waited for by whoever holds the lock.
   enum class Entry { kEntered, kOnOwnThread, kWaitedFor };
 
   void run(const ServiceKeys& announced);
+  void waitForWork();
   void leave() TESSEL_EXCLUDES(registryMutex_);
   void dropQueuedRegistrations();
   bool serveMain();
@@ -104,7 +106,7 @@ class RpcBrokerImpl {
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
-  bool idle_ = true;  // the broker thread's own: the last pass found nothing to read
+  Pass lastPass_ = Pass::kNone;  // the broker thread's own
   BrokerNumber number_{BrokerKind::kRpc};
   const std::string routerEndpoint_;
   const std::string internalEndpoint_;
