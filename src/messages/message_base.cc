@@ -77,9 +77,9 @@ bool MessageBase::receiveFrames(ZmqSocket& socket, std::initializer_list<ZmqFram
   std::size_t left = frames.size();
   for (ZmqFrame* frame : frames) {
     if (!socket.receive(*frame, 0)) return false;
-    if (--left > 0 && !frame->more()) return false;
+    if (--left > 0 && !socket.receivingMore()) return false;
   }
-  if (!(*(frames.end() - 1))->more()) return true;
+  if (!socket.receivingMore()) return true;
   socket.discardPending();
   return false;
 }

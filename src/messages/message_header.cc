@@ -11,6 +11,9 @@ bool isSignature(const ZmqFrame& frame) {
          std::memcmp(frame.data(), kProtocolSignature.data(), frame.size()) == 0;
 }
 
+// Of a reply on its way back: who sent it, and the client.
+constexpr std::size_t kUsualEnvelope = 2;
+
 bool hasEnvelope(int socketType) { return socketType != ZMQ_REQ && socketType != ZMQ_REP; }
 
 // Reads the frames of one header and knows whether the message goes on, so that one which ends too
@@ -20,13 +23,12 @@ class HeaderReader {
   HeaderReader(ZmqSocket& socket, int flags) : socket_(socket), flags_(flags) {}
 
   bool begun() const { return begun_; }
-  bool messageGoesOn() const { return more_; }
+  bool messageGoesOn() const { return begun_ && socket_.receivingMore(); }
 
   bool next(ZmqFrame& frame) {
-    if (begun_ && !more_) return false;
+    if (begun_ && !messageGoesOn()) return false;
     if (!socket_.receive(frame, begun_ ? 0 : flags_)) return false;
     begun_ = true;
-    more_ = frame.more();
     return true;
   }
 
@@ -34,13 +36,13 @@ class HeaderReader {
   ZmqSocket& socket_;
   const int flags_;
   bool begun_ = false;
-  bool more_ = false;
 };
 
 bool readEnvelope(HeaderReader& reader, std::vector<ZmqFrame>& envelope) {
   ZmqFrame frame;
   while (reader.next(frame)) {
     if (frame.size() == 0) return true;
+    if (envelope.empty()) envelope.reserve(kUsualEnvelope);
     envelope.push_back(std::move(frame));
   }
   return false;

@@ -24,10 +24,9 @@ MessageReply::MessageReply(MessageHeader&& header)
 
 MessageReply::MessageReply(MessageRequest& request, std::int32_t status, ZmqFrame payload)
     : MessageBase(kMessageReply),
-      reservedFrame_(request.reserved()),
+      reservedFrame_(ZmqFrame::copyOf(request.reservedFrame())),
       statusFrame_(static_cast<std::uint8_t>(status)),
       payloadFrame_(std::move(payload)),
-      reserved_(request.reserved()),
       status_(status) {
   envelope().swap(request.envelope());
 }
@@ -55,7 +54,6 @@ void MessageReply::copyPayload(std::unique_ptr<std::uint8_t[]>& data, std::size_
 
 bool MessageReply::receiveBody(ZmqSocket& socket) {
   if (!receiveFrames(socket, {&reservedFrame_, &statusFrame_, &payloadFrame_})) return false;
-  reserved_ = reservedFrame_.toBytes();
   status_ = statusFrame_.firstByte();
   return true;
 }

@@ -39,8 +39,9 @@ class MessageReply : public MessageBase {
   /// Any other end; the text is not copied.
   MessageReply(MessageRequest& request, std::int32_t status, std::string message);
 
-  const std::vector<std::uint8_t>& reserved() const { return reserved_; }
   std::int32_t status() const { return status_; }
+  /// These are in frames: they go when the message is sent.
+  std::vector<std::uint8_t> reserved() const { return reservedFrame_.toBytes(); }
   const void* payload() const { return payloadFrame_.data(); }
   std::size_t payloadSize() const { return payloadFrame_.size(); }
   std::string payloadText() const { return payloadFrame_.toString(); }
@@ -57,7 +58,6 @@ class MessageReply : public MessageBase {
   ZmqFrame reservedFrame_;
   ZmqFrame statusFrame_;
   ZmqFrame payloadFrame_;
-  std::vector<std::uint8_t> reserved_;
   std::int32_t status_ = kReplySuccess;
 };
 

@@ -18,7 +18,6 @@ MessageRequest::MessageRequest(const std::vector<std::uint8_t>& reserved,
       instanceFrame_(instanceName),
       methodFrame_(methodName),
       payloadFrame_(data, size),
-      reserved_(reserved),
       serviceName_(serviceName),
       instanceName_(instanceName),
       methodName_(methodName) {}
@@ -28,7 +27,6 @@ bool MessageRequest::receiveBody(ZmqSocket& socket) {
                               &payloadFrame_})) {
     return false;
   }
-  reserved_ = reservedFrame_.toBytes();
   serviceName_ = serviceFrame_.toString();
   instanceName_ = instanceFrame_.toString();
   methodName_ = methodFrame_.toString();

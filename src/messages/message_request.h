@@ -21,11 +21,12 @@ class MessageRequest : public MessageBase {
                  const std::string& instanceName, const std::string& methodName, const void* data,
                  std::size_t size);
 
-  const std::vector<std::uint8_t>& reserved() const { return reserved_; }
   const std::string& serviceName() const { return serviceName_; }
   const std::string& instanceName() const { return instanceName_; }
   const std::string& methodName() const { return methodName_; }
-  /// Valid until the message is sent or gone.
+  /// These are in frames: they go when the message is sent.
+  const ZmqFrame& reservedFrame() const { return reservedFrame_; }
+  std::vector<std::uint8_t> reserved() const { return reservedFrame_.toBytes(); }
   const void* payload() const { return payloadFrame_.data(); }
   std::size_t payloadSize() const { return payloadFrame_.size(); }
 
@@ -38,7 +39,6 @@ class MessageRequest : public MessageBase {
   ZmqFrame instanceFrame_;
   ZmqFrame methodFrame_;
   ZmqFrame payloadFrame_;
-  std::vector<std::uint8_t> reserved_;
   std::string serviceName_;
   std::string instanceName_;
   std::string methodName_;

@@ -1,5 +1,6 @@
 #include "rpc/rpc_request_impl.h"
 
+#include <functional>
 #include <utility>
 
 #include "tessel/rpc_error.h"
@@ -95,8 +96,9 @@ void RpcRequestImpl::callService(Service& service, const ServiceCall& call,
                                  std::optional<MessageReply>& reply) const {
   std::unique_ptr<std::uint8_t[]> out;
   std::size_t outSize = 0;
+  const auto finish = [&] { reply.emplace(*request_, std::move(out), outSize); };
   try {
-    call.run(service, out, outSize, [&] { reply.emplace(*request_, std::move(out), outSize); });
+    call.run(service, out, outSize, std::ref(finish));
   } catch (const rpc_custom_error& error) {
     reply.emplace(*request_, error);
   } catch (const rpc_service_error& error) {

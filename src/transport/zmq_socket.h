@@ -67,6 +67,8 @@ class ZmqSocket {
   /// message: thrown. Nothing else that a socket does is ended by one.
   bool receive(ZmqFrame& frame, int flags);
   bool receive(const std::shared_ptr<ZmqFrame>& frame, int flags);
+  /// Whether the last frame received has others behind it.
+  bool receivingMore() const { return receivingMore_; }
   /// Drops what is left of a message whose last frame read said that more would follow.
   void discardPending();
 
@@ -102,8 +104,8 @@ class ZmqSocket {
   std::string endpoint_;
   int receiveTimeout_ = -1;
   bool sendLimitLifted_ = false;
-  bool receivingMore_ = false;  // the last frame received has others behind it
-  int connectError_ = 0;        // of the last connect; 0 when it succeeded
+  bool receivingMore_ = false;
+  int connectError_ = 0;  // of the last connect; 0 when it succeeded
   std::function<void()> onPeerGone_;
   std::unique_ptr<InprocEndpoints::Connection> inproc_;  // null unless to an in-process endpoint
   std::vector<std::string> boundEndpoints_;              // as ZeroMQ resolved them
