@@ -16,10 +16,13 @@
 #include <string>
 #include <vector>
 
+#include "messages/message_reply.h"
+#include "messages/message_request.h"
 #include "messages/value_notification.h"
 #include "pubsub/deliveries.h"
 #include "pubsub/message_broker_impl.h"
 #include "pubsub/subscription_table.h"
+#include "rpc/rpc_broker_impl.h"
 #include "transport/work_queue.h"
 
 namespace tessel::bench {
@@ -96,6 +99,24 @@ extern "C" {
   }
 }
 
+// What a client does, but for waiting and for looking its socket up; and a broker that goes to
+// sleep after each call, with its worker.
+[[gnu::noinline]] void countedRemoteCall(ZmqSocket& client, RpcBrokerImpl& broker,
+                                         std::unique_ptr<std::uint8_t[]>& out) {
+  static const std::vector<std::uint8_t>& reserved = *new std::vector<std::uint8_t>{0};
+  const std::uint64_t question[2] = {};
+  std::size_t size = 0;
+  for (int i = 0; i < kMessages; ++i) {
+    MessageRequest(reserved, "counter", "first", "next", question, sizeof question).send(client);
+    broker.serveOnce();  // the request
+    broker.serveOnce();  // its reply
+    broker.serveOnce();  // finds nothing
+    MessageReply reply;
+    require(reply.receive(client));
+    reply.copyPayload(out, size);
+  }
+}
+
 }  // extern "C"
 
 namespace {
@@ -137,10 +158,21 @@ void countCalls() {
   broker->stop();
 }
 
+void countRemoteCalls() {
+  RpcBrokerImpl broker(true, {}, std::make_shared<InlineDispatcher>());
+  const auto service = std::make_shared<EmptyService>();
+  broker.registerService(service);
+  ZmqSocket client(ZMQ_REQ, broker.clientEndpoint());
+  client.setReceiveTimeout(10000);
+  std::unique_ptr<std::uint8_t[]> out;
+  countedRemoteCall(client, broker, out);
+}
+
 }  // namespace
 }  // namespace tessel::bench
 
 int main() {
   tessel::bench::countValues();
   tessel::bench::countCalls();
+  tessel::bench::countRemoteCalls();
 }
