@@ -429,8 +429,9 @@ TEST(RpcClientOfADestroyedBroker, TimesOut) {
       std::make_shared<RpcBroker>(true, Lines{}, std::make_shared<ThreadedRpcDispatcher>());
   broker->registerService(answering("s", "i", "ok"));
   broker->start();
-  RpcClient client(broker, milliseconds(20));
+  RpcClient client(broker, kPatience);
   EXPECT_EQ(outcomeOf(client, "other", "i"), "broker service not found: other - i");
+  client.setReceiveTimeout(milliseconds(20));
   broker.reset();
   withoutHanging("a call", [&] {
     for (int i = 0; i < 3; ++i) EXPECT_EQ(outcomeOf(client, "s", "i"), kTimeout);

@@ -10,7 +10,7 @@ namespace tessel::test {
 
 /// How long anything that must happen may take: long, since machines are slow under sanitizers and
 /// load, and only a failing test ever waits for it.
-constexpr std::chrono::seconds kPatience{20};
+constexpr std::chrono::seconds kPatience{20 * TESSEL_TEST_SLOWNESS};
 
 /// Waits until `condition()` holds, looking often; false when it does not within the patience.
 template <typename Condition>

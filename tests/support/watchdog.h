@@ -15,7 +15,7 @@ namespace tessel::test {
 class Watchdog {
  public:
   explicit Watchdog(const char* what, std::chrono::seconds patience = std::chrono::seconds(100))
-      : thread_([this, what, patience] { watch(what, patience); }) {}
+      : thread_([this, what, patience] { watch(what, patience * TESSEL_TEST_SLOWNESS); }) {}
   ~Watchdog() {
     {
       const std::lock_guard<std::mutex> lock(mutex_);
