@@ -2,7 +2,6 @@
 
 #include <zmq.h>
 
-#include <algorithm>
 #include <system_error>
 #include <utility>
 
@@ -165,11 +164,6 @@ void MessageDispatcherImpl::applyRegistrations() {
     registrations.swap(pendingRegistrations_);
     unregistrations.swap(pendingUnregistrations_);
   }
-  const auto forUpdates = static_cast<std::size_t>(std::count_if(
-      registrations.begin(), registrations.end(),
-      [this](const auto& subscription) { return &tableOf(*subscription) == &updates_; }));
-  updates_.expect(forUpdates);
-  cache_.expect(registrations.size() - forUpdates);
   for (std::shared_ptr<SubscriptionBase>& subscription : registrations) {
     if (subscription->isExpired()) continue;
     SubscriptionTable& table = tableOf(*subscription);

@@ -34,12 +34,6 @@ void SubscriptionTable::unsubscribe(const SubscriptionBase& entry) {
   socket_.setOption(ZMQ_UNSUBSCRIBE, entry.key());
 }
 
-// Not for a few: asked for less than it would take by itself, the index grows more often.
-void SubscriptionTable::expect(std::size_t entries) {
-  const std::size_t total = exact_.size() + entries;
-  if (total > 2 * exact_.bucket_count()) exact_.reserve(total);
-}
-
 void SubscriptionTable::add(Entry entry) {
   subscribe(*entry);
   const std::string key = indexKey(*entry);

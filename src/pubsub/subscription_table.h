@@ -38,9 +38,6 @@ class SubscriptionTable {
   ZmqSocket& socket() { return socket_; }
   std::size_t size() const;
 
-  /// Makes room for entries that are to be added in one go. Room that grows with them is laid out
-  /// anew again and again, which was an eighth of what a burst of 100,000 took.
-  void expect(std::size_t entries);
   /// Subscribes and stores; one subscriber may have several entries.
   void add(Entry entry);
 
