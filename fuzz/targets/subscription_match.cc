@@ -31,7 +31,7 @@ TESSEL_FUZZ_TARGET(subscription_match) {
       return true;
     });
     for (const auto& entry : entries) {
-      if (entry->matches(key)) expected.push_back(entry.get());
+      if (entry->isFor(key)) expected.push_back(entry.get());
     }
     std::sort(found.begin(), found.end());
     std::sort(expected.begin(), expected.end());
