@@ -59,7 +59,9 @@ int zmq_connect(void* /*socket*/, const char* /*endpoint*/) { return 0; }
 int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
   int ready = 0;
   for (int i = 0; i < count; ++i) {
-    const bool is = (items[i].events & ZMQ_POLLOUT) != 0 || readable(items[i].socket);
+    // A descriptor is signalled for whatever is there, as if it had just come.
+    const bool is = (items[i].events & ZMQ_POLLOUT) != 0 || readable(items[i].socket) ||
+                    (items[i].socket == nullptr && wire().pending());
     items[i].revents = is ? items[i].events : short{0};
     if (is) ++ready;
   }

@@ -202,7 +202,9 @@ void repeat(const char* what, const char* unit, std::uint64_t count, int part,
   const Torture& torture = Torture::instance();
   std::uint64_t number = 0;
   const std::uint64_t warmUp = std::max<std::uint64_t>(count / 10, 1);
-  while (number < warmUp && !torture.timeIsUp(2 * part - 1, 6)) once(number++);
+  do {
+    once(number++);  // at least one, also when the part before has used the time up
+  } while (number < warmUp && !torture.timeIsUp(2 * part - 1, 6));
   const Standing before = standing();
   const std::uint64_t begun = number;
   while (number < begun + count && !torture.timeIsUp(2 * part, 6)) once(number++);
