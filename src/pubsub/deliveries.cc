@@ -62,7 +62,7 @@ bool Deliveries::finish(WorkQueue& queue) {
 
 void Deliveries::keep(Subscriptions&& subscriptions) {
   Subscriptions released = std::move(subscriptions);
-  if (released.empty()) return;
+  if (released.empty() || workerCount_ == 0) return;  // without workers nobody is ever called
   const Lock lock(keptMutex_);
   if (unfinished_ == 0) return;
   std::move(released.begin(), released.end(), std::back_inserter(kept_));

@@ -24,7 +24,7 @@ enum class WhenFull {
 /// What ZeroMQ refuses is thrown as std::runtime_error with its text; a time-out is no failure.
 class ZmqSocket {
  public:
-  /// When this process has just closed a socket and has none left, waits up to 100 ms for its
+  /// When this process has just closed a socket and has none left, waits up to a second for its
   /// place: ZeroMQ closes in the background.
   explicit ZmqSocket(int type);
   ZmqSocket(int type, const std::string& endpoint);

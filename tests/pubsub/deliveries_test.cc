@@ -197,6 +197,15 @@ TEST_F(DeliveriesThatKeep, KeepNothingWhenNothingIsUnderWay) {
   EXPECT_TRUE(last_.expired());
 }
 
+TEST_F(DeliveriesThatKeep, KeepNothingWithoutWorkers) {
+  Deliveries deliveries(0);
+  WorkQueue queue(0);
+  add(deliveries, [] {});
+  run(deliveries, queue);
+  keep(deliveries);
+  EXPECT_TRUE(last_.expired());
+}
+
 TEST_F(DeliveriesThatKeep, GiveBackWhatIsNotCalledAnyMore) {
   Deliveries deliveries(1);
   WorkQueue queue(1);
