@@ -63,9 +63,14 @@ bool Deliveries::finish(WorkQueue& queue) {
 void Deliveries::keep(Subscriptions&& subscriptions) {
   Subscriptions released = std::move(subscriptions);
   if (released.empty() || workerCount_ == 0) return;  // without workers nobody is ever called
+  std::vector<const SubscriptionBase*> added = subscriptions_;
+  std::sort(added.begin(), added.end());
+  const auto mayBeCalled = std::partition(released.begin(), released.end(), [&](const auto& one) {
+    return !std::binary_search(added.begin(), added.end(), one.get());
+  });
   const Lock lock(keptMutex_);
   if (unfinished_ == 0) return;
-  std::move(released.begin(), released.end(), std::back_inserter(kept_));
+  std::move(mayBeCalled, released.end(), std::back_inserter(kept_));
 }
 
 Deliveries::Subscriptions Deliveries::takeKept() {

@@ -35,8 +35,8 @@ class Deliveries {
     subscriptions_.push_back(&subscription);
     unfinished_.store(subscriptions_.size(), std::memory_order_relaxed);
   }
-  /// Owns subscriptions that may have been added until the callbacks of the value have returned; or
-  /// releases them, when nothing was added or is under way.
+  /// Owns those of the subscriptions that were added until the callbacks of the value have
+  /// returned, and releases the others at once.
   void keep(Subscriptions&& subscriptions) TESSEL_EXCLUDES(keptMutex_);
   /// Calls what was added with the value. Under way until the queue is idle.
   void run(ReceivedNotification&& value, WorkQueue& queue);

@@ -197,6 +197,21 @@ TEST_F(DeliveriesThatKeep, KeepNothingWhenNothingIsUnderWay) {
   EXPECT_TRUE(last_.expired());
 }
 
+TEST_F(DeliveriesThatKeep, KeepNothingThatWasNotAdded) {
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  Gate gate;
+  add(deliveries, [&] { gate.pass(); });
+  run(deliveries, queue);
+  const auto called = std::move(subscriptions_);
+  const auto other = std::make_shared<CallingSubscriber>([] {});
+  subscriptions_ = {std::make_shared<Subscription<Subscriber>>(other)};
+  keep(deliveries);
+  EXPECT_TRUE(last_.expired());
+  gate.open();
+  EXPECT_TRUE(queue.waitIdle());
+}
+
 TEST_F(DeliveriesThatKeep, KeepNothingWithoutWorkers) {
   Deliveries deliveries(0);
   WorkQueue queue(0);
