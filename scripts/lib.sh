@@ -38,6 +38,10 @@ installed() {
   [ "$(dpkg-query -W -f '${db:Status-Status}' "$1" 2>/dev/null)" = installed ]
 }
 
+update_package_lists() {
+  logged install_update as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update
+}
+
 # install_packages NAME...: those that are missing; says nothing and asks nothing when none is.
 install_packages() {
   local name missing=()
@@ -47,7 +51,7 @@ install_packages() {
   done
   [ ${#missing[@]} -eq 0 ] && return 0
   say "installing: ${missing[*]}"
-  logged install_update as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update
+  update_package_lists
   logged install as_root env DEBIAN_FRONTEND=noninteractive \
     apt-get -q install -y --no-install-recommends "${missing[@]}"
 }
@@ -55,9 +59,12 @@ install_packages() {
 # install_peers: those of peer_packages that the system has.
 install_peers() {
   local name known=()
+  command -v apt-get >/dev/null || return 0 # as install_packages
+  update_package_lists # without them nothing is known
   for name in "${peer_packages[@]}"; do
     if apt-cache show "$name" >/dev/null 2>&1; then known+=("$name"); fi
   done
+  [ ${#known[@]} -gt 0 ] || die "no package of another product is known to apt"
   install_packages "${known[@]}"
 }
 
