@@ -4,18 +4,17 @@
 
 #include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "support/crew.h"
 #include "support/loads.h"
 #include "support/measure.h"
 #include "support/roads.h"
+#include "support/try_until.h"
 #include "support/window.h"
 
 namespace tessel::bench {
@@ -57,11 +56,12 @@ void fanOut(benchmark::State& state, int subscribers) {
     road.road().dispatcher().registerSubscriber(others.back());
   }
   const auto isLive = [](const auto& subscriber) { return subscriber->isLive(); };
-  for (std::uint64_t probe = kProbe + (std::uint64_t{1} << 32);
-       !std::all_of(others.begin(), others.end(), isLive); ++probe) {
-    road.publish(probe);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  }
+  std::uint64_t probe = kProbe + (std::uint64_t{1} << 32);  // none of those of the road
+  const auto allAreLive = [&] {
+    road.publish(++probe);
+    return std::all_of(others.begin(), others.end(), isLive);
+  };
+  tryUntil(allAreLive, "not all subscribers get values");
   std::uint64_t number = 0;
   const auto sendBurst = [&] {
     for (int value = 0; value < kValues; ++value) {

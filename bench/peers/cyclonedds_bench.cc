@@ -5,15 +5,14 @@
 #include <dds/dds.h>
 #include <unistd.h>
 
-#include <chrono>
 #include <cstdint>
 #include <memory>
 #include <stdexcept>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "peers/support/peer_loads.h"
+#include "support/try_until.h"
 #include "value.h"
 
 namespace tessel::bench {
@@ -173,7 +172,7 @@ class CycloneCache {
     callback_ = callback;
     consumer_ = std::make_unique<Participant>();
     const Reader fence(*consumer_, kFence, Keep::kNothing, [](const void*, std::size_t) {});
-    while (!fence.hasWriter()) std::this_thread::sleep_for(std::chrono::milliseconds(5));
+    tryUntil([&] { return fence.hasWriter(); }, "the participants do not meet");
   }
   void join() {
     reader_ = std::make_unique<Reader>(*consumer_, kTopic.c_str(), Keep::kLast, callback_);

@@ -14,6 +14,7 @@
 #include "peers/support/peer_loads.h"
 #include "peers/support/reader_thread.h"
 #include "peers/support/server_process.h"
+#include "support/try_until.h"
 
 namespace tessel::bench {
 namespace {
@@ -152,11 +153,13 @@ class MosquittoCache {
     bool back = false;
     Client fence(server_, [&](const void*, std::size_t) { back = true; });
     fence.subscribe({"fence"});
-    while (!back) {
+    const auto comesBack = [&] {
       publisher_.publish("fence", "", 0);
       pollfd readable{fence.handle(), POLLIN, 0};
       if (poll(&readable, 1, 5) == 1) fence.read();
-    }
+      return back;
+    };
+    tryUntil(comesBack, "nothing comes back from mosquitto");
   }
 
   const Server server_;

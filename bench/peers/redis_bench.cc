@@ -13,6 +13,7 @@
 #include "peers/support/peer_loads.h"
 #include "peers/support/reader_thread.h"
 #include "peers/support/server_process.h"
+#include "support/try_until.h"
 
 namespace tessel::bench {
 namespace {
@@ -133,8 +134,8 @@ class RedisCache {
     SilentClient publisher(server_);
     for (int i = 0; i < count; ++i) publisher.send({"SET", kTopic + ":" + cachedTag(i), value});
     Client observer(server_);
-    while (observer.call({"DBSIZE"})->integer != count) {
-    }
+    tryUntil([&] { return observer.call({"DBSIZE"})->integer == count; },
+             "not all values reach redis");
   }
 
  private:

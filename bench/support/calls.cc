@@ -4,9 +4,9 @@
 #include <tessel/rpc_error.h>
 #include <tessel/service.h>
 
-#include <chrono>
 #include <cstring>
-#include <thread>
+
+#include "support/try_until.h"
 
 namespace tessel::bench {
 namespace {
@@ -14,8 +14,6 @@ namespace {
 using raw::kInstance;
 using raw::kMethod;
 using raw::kService;
-
-constexpr std::chrono::minutes kPatience{1};
 
 class Echo : public Service {
  public:
@@ -62,7 +60,7 @@ TesselSlave::TesselSlave(const std::string& endpoint)
   slave_.registerService(std::make_shared<Echo>());
   slave_.start();
   master_.start();
-  while (!getsThrough(client_)) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  tryUntil([this] { return getsThrough(client_); }, "no call gets through to the slave");
 }
 
 TesselLocal::TesselLocal(Transport transport)

@@ -1,11 +1,12 @@
 #include "support/raw.h"
 
 #include <cerrno>
-#include <chrono>
 #include <cstring>
 #include <initializer_list>
 #include <stdexcept>
 #include <utility>
+
+#include "support/try_until.h"
 
 namespace tessel::bench::raw {
 namespace {
@@ -226,7 +227,7 @@ void Broker::keep(const std::string& key) {
 }
 
 void Broker::waitForValues(std::size_t count) {
-  while (valueCount_ < count) std::this_thread::sleep_for(std::chrono::milliseconds(1));
+  tryUntil([&] { return valueCount_ >= count; }, "not all values reach the broker");
 }
 
 bool Broker::greet() {

@@ -6,18 +6,16 @@
 #include <tessel/publisher.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <memory>
-#include <stdexcept>
 #include <string>
-#include <thread>
 #include <utility>
 #include <vector>
 
 #include "support/raw.h"
+#include "support/try_until.h"
 
 namespace tessel::bench {
 
@@ -150,13 +148,13 @@ OpenRoad<Road>::OpenRoad(Transport transport, std::size_t size,
         }
       }) {
   std::uint64_t probe = kProbe;
-  int tries = 0;
   // The last one sent is behind all others, so once it has come none is left.
-  do {
-    if (++tries > 10000) throw std::runtime_error("nothing arrives");
+  const auto lastArrives = [&] {
+    if (lastProbe_ == probe) return true;
     publish(++probe);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  } while (lastProbe_ != probe);
+    return false;
+  };
+  tryUntil(lastArrives, "nothing arrives");
 }
 
 }  // namespace tessel::bench

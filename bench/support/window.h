@@ -2,11 +2,12 @@
 #define TESSEL_BENCH_SUPPORT_WINDOW_H
 
 #include <atomic>
-#include <chrono>
 #include <condition_variable>
 #include <cstdint>
 #include <mutex>
 #include <stdexcept>
+
+#include "support/try_until.h"
 
 namespace tessel::bench {
 
@@ -36,7 +37,7 @@ class Window {
   void waitFor(std::uint64_t count) {
     awaited_ = count;
     std::unique_lock<std::mutex> lock(mutex_);
-    if (!wake_.wait_for(lock, std::chrono::minutes(1), [&] { return arrived_ >= count; })) {
+    if (!wake_.wait_for(lock, kPatience, [&] { return arrived_ >= count; })) {
       throw std::runtime_error("a message was lost");
     }
   }

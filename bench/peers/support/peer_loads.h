@@ -3,8 +3,8 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <atomic>
-#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <functional>
@@ -16,6 +16,7 @@
 #include "support/loads.h"
 #include "support/measure.h"
 #include "support/roads.h"
+#include "support/try_until.h"
 #include "support/window.h"
 
 /// The loads of the library's own benchmarks for publish and subscribe, under the same names with
@@ -51,11 +52,9 @@ class Counts {
     auto& count = (number & kProbe) == 0 ? counts_[index].values : counts_[index].probes;
     count.fetch_add(1, std::memory_order_relaxed);
   }
-  bool allHaveProbes(std::uint64_t count) const {
-    for (const Count& one : counts_) {
-      if (one.probes < count) return false;
-    }
-    return true;
+  bool allHaveProbes() const {
+    const auto hasProbe = [](const Count& one) { return one.probes > 0; };
+    return std::all_of(counts_.begin(), counts_.end(), hasProbe);
   }
   /// Throws when one of them does not come.
   void waitForValues(std::uint64_t count) const {
@@ -92,10 +91,11 @@ void peerFanOut(benchmark::State& state, Transport transport, std::size_t subscr
     setNumber(value, number);
     peer.publish(value.data(), value.size());
   };
-  do {
+  const auto allHaveProbes = [&] {
     publish(kProbe);
-    std::this_thread::sleep_for(std::chrono::milliseconds(5));
-  } while (!counts.allHaveProbes(1));
+    return counts.allHaveProbes();
+  };
+  tryUntil(allHaveProbes, "not all subscriptions get values");
   std::uint64_t number = 0;
   const Usage before = Usage::now();
   for (auto _ : state) {
