@@ -63,20 +63,14 @@ void fanOut(benchmark::State& state, int subscribers) {
   };
   tryUntil(allAreLive, "not all subscribers get values");
   std::uint64_t number = 0;
-  const auto sendBurst = [&] {
-    for (int value = 0; value < kValues; ++value) {
-      window.send();
-      road.publish(++number);
-    }
-    window.drain();
-  };
+  const auto send = [&] { sendBurst(window, kValues, [&] { road.publish(++number); }); };
   const Usage before = Usage::now();
-  for (auto _ : state) sendBurst();
+  for (auto _ : state) send();
   const double callbacks = static_cast<double>(number) * subscribers;
   reportUsage(state, before, callbacks);
   state.SetItemsProcessed(static_cast<std::int64_t>(callbacks));
   state.counters["allocations"] =
-      static_cast<double>(allocationsDuring(sendBurst)) / (kValues * subscribers);
+      static_cast<double>(allocationsDuring(send)) / (kValues * subscribers);
   road.road().dispatcher().stop(false);
   for (const auto& subscriber : others) {
     // The last value's callbacks may have been dropped by the stop.
@@ -99,12 +93,10 @@ void publishers(benchmark::State& state, std::size_t threads) {
     const auto sender = std::make_shared<typename Road::Sender>(road.road());
     return [&, thread, sender, number = std::uint64_t{thread} << kThreadShift,
             value = std::vector<std::uint8_t>(kSmall)]() mutable {
-      for (std::uint64_t i = 0; i < kBurst / threads; ++i) {
-        windows[thread]->send();
+      sendBurst(*windows[thread], kBurst / threads, [&] {
         setNumber(value, ++number);
         sender->publish(value.data(), value.size());
-      }
-      windows[thread]->drain();
+      });
     };
   });
   crew.round();  // connects

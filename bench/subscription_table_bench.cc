@@ -9,6 +9,7 @@
 
 #include "pubsub/subscription.h"
 #include "pubsub/subscription_table.h"
+#include "support/loads.h"
 #include "support/measure.h"
 #include "support/roads.h"
 #include "support/window.h"
@@ -74,17 +75,11 @@ void receive(benchmark::State& state, Kind kind, int count) {
   others.forEach(
       [&](const auto& subscriber) { road.road().dispatcher().registerSubscriber(subscriber); });
   std::uint64_t number = 0;
-  const auto sendBurst = [&] {
-    for (std::uint64_t i = 0; i < kBurst; ++i) {
-      window.send();
-      road.publish(++number);
-    }
-    window.drain();
-  };
-  sendBurst();  // behind the registrations, which the dispatcher may still be busy with
+  const auto send = [&] { sendBurst(window, kBurst, [&] { road.publish(++number); }); };
+  send();  // behind the registrations, which the dispatcher may still be busy with
   const Usage before = Usage::now();
   const std::uint64_t warm = number;
-  for (auto _ : state) sendBurst();
+  for (auto _ : state) send();
   reportUsage(state, before, static_cast<double>(number - warm));
   state.SetItemsProcessed(static_cast<std::int64_t>(number - warm));
 }

@@ -17,30 +17,35 @@
 namespace tessel::bench {
 
 /// What is under way stays below the 1000 messages at which a publishing socket drops, and below
-// what the sockets of the system buffer when values are large.
+/// what the sockets of the system buffer when values are large.
 inline std::uint64_t windowFor(std::size_t size) { return size > 4096 ? 64 : 500; }
 inline std::uint64_t burstFor(std::size_t size) { return size > 4096 ? 1000 : 5000; }
 
-/// Values one behind the other, as many on their way as the window lets.
+/// Publishes `count` times, one behind the other, as many on their way as the window lets, and
+/// waits until everything has arrived.
+template <typename Publish>
+void sendBurst(Window& window, std::uint64_t count, const Publish& publish) {
+  for (std::uint64_t i = 0; i < count; ++i) {
+    window.send();
+    publish();
+  }
+  window.drain();
+}
+
+/// Values in bursts.
 template <typename Road>
 void throughput(benchmark::State& state, Transport transport, std::size_t size) {
   Window window(windowFor(size));
   OpenRoad<Road> road(transport, size, [&](std::uint64_t) { window.arrive(); });
   const std::uint64_t burst = burstFor(size);
   std::uint64_t number = 0;
-  const auto sendBurst = [&] {
-    for (std::uint64_t i = 0; i < burst; ++i) {
-      window.send();
-      road.publish(++number);
-    }
-    window.drain();
-  };
+  const auto send = [&] { sendBurst(window, burst, [&] { road.publish(++number); }); };
   const Usage before = Usage::now();
-  for (auto _ : state) sendBurst();
+  for (auto _ : state) send();
   reportUsage(state, before, static_cast<double>(number));
   state.SetItemsProcessed(static_cast<std::int64_t>(number));
   state.counters["allocations"] =
-      static_cast<double>(allocationsDuring(sendBurst)) / static_cast<double>(burst);
+      static_cast<double>(allocationsDuring(send)) / static_cast<double>(burst);
 }
 
 /// One value at a time, from just before publish() until the callback begins; everybody sleeps

@@ -99,11 +99,7 @@ void peerFanOut(benchmark::State& state, Transport transport, std::size_t subscr
   std::uint64_t number = 0;
   const Usage before = Usage::now();
   for (auto _ : state) {
-    for (int i = 0; i < kValues; ++i) {
-      window.send();
-      publish(++number);
-    }
-    window.drain();
+    sendBurst(window, kValues, [&] { publish(++number); });
     counts.waitForValues(number);
   }
   const double callbacks = static_cast<double>(number) * static_cast<double>(subscriptions);
