@@ -12,9 +12,9 @@
 #include <thread>
 
 #include "echo.capnp.h"
-#include "support/peer_calls.h"
+#include "peers/support/peer_calls.h"
 
-namespace tessel::bench::peers {
+namespace tessel::bench {
 namespace {
 
 // Without it every message begins with 8 KiB that are cleared.
@@ -98,11 +98,10 @@ class CapnpLocal {
 };
 
 }  // namespace
-}  // namespace tessel::bench::peers
+}  // namespace tessel::bench
 
 int main(int argc, char** argv) {
-  using tessel::bench::peers::CapnpLocal;
-  using tessel::bench::peers::CapnpTcp;
-  tessel::bench::peers::addPeerCalls<CapnpTcp, CapnpLocal>("capnp");
-  return tessel::bench::runBenchmarks(argc, argv);
+  using namespace tessel::bench;
+  addPeerCalls<CapnpTcp, CapnpLocal>("capnp");
+  return runBenchmarks(argc, argv);
 }

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "echo.grpc.pb.h"
-#include "support/peer_calls.h"
+#include "peers/support/peer_calls.h"
 
-namespace tessel::bench::peers {
+namespace tessel::bench {
 namespace {
 
 class EchoService final : public Echo::Service {
@@ -76,10 +76,10 @@ void GrpcRoad::Client::call(const void* data, std::size_t size) {
 }
 
 }  // namespace
-}  // namespace tessel::bench::peers
+}  // namespace tessel::bench
 
 int main(int argc, char** argv) {
-  using tessel::bench::peers::GrpcRoad;
-  tessel::bench::peers::addPeerCalls<GrpcRoad, GrpcRoad>("grpc");
-  return tessel::bench::runBenchmarks(argc, argv);
+  using namespace tessel::bench;
+  addPeerCalls<GrpcRoad, GrpcRoad>("grpc");
+  return runBenchmarks(argc, argv);
 }

@@ -9,9 +9,9 @@
 #include <string>
 
 #include "echo.h"
-#include "support/peer_calls.h"
+#include "peers/support/peer_calls.h"
 
-namespace tessel::bench::peers {
+namespace tessel::bench {
 namespace {
 
 class EchoServant final : public Echo {
@@ -72,10 +72,10 @@ std::shared_ptr<EchoPrx> IceRoad::newProxy() {
 }
 
 }  // namespace
-}  // namespace tessel::bench::peers
+}  // namespace tessel::bench
 
 int main(int argc, char** argv) {
-  using tessel::bench::peers::IceRoad;
-  tessel::bench::peers::addPeerCalls<IceRoad, IceRoad>("ice");
-  return tessel::bench::runBenchmarks(argc, argv);
+  using namespace tessel::bench;
+  addPeerCalls<IceRoad, IceRoad>("ice");
+  return runBenchmarks(argc, argv);
 }

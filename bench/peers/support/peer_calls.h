@@ -6,7 +6,7 @@
 
 #include "support/call_loads.h"
 
-namespace tessel::bench::peers {
+namespace tessel::bench {
 
 /// As many as the library has; for a peer that answers on threads of its own.
 constexpr std::size_t kWorkers = 4;
@@ -21,6 +21,6 @@ void addPeerCalls(const std::string& peer) {
   }
 }
 
-}  // namespace tessel::bench::peers
+}  // namespace tessel::bench
 
 #endif
