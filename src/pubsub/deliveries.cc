@@ -62,7 +62,8 @@ bool Deliveries::finish(WorkQueue& queue) {
 
 void Deliveries::keep(Subscriptions&& subscriptions) {
   Subscriptions released = std::move(subscriptions);
-  if (released.empty() || workerCount_ == 0) return;  // without workers nobody is ever called
+  // Nobody is called any more when all have returned, nor ever without workers.
+  if (released.empty() || workerCount_ == 0 || unfinished_ == 0) return;
   std::vector<const SubscriptionBase*> added = subscriptions_;
   std::sort(added.begin(), added.end());
   const auto mayBeCalled = std::partition(released.begin(), released.end(), [&](const auto& one) {
