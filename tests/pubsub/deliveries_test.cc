@@ -44,11 +44,22 @@ class DeliveriesTest : public ::testing::Test {
     subscriptions_.push_back(std::make_shared<Subscription<Subscriber>>(subscriber));
     deliveries.add(*subscriptions_.back());
   }
+  // Their callbacks have begun when they are counted, and return when the gate is open.
+  void addHeld(Deliveries& deliveries, int count) {
+    for (int i = 0; i < count; ++i) {
+      add(deliveries, [this] {
+        ++begun_;
+        gate_.pass();
+      });
+    }
+  }
   void run(Deliveries& deliveries, WorkQueue& queue) {
     deliveries.run(value_.notification(), queue);
   }
 
   WatchedValue value_;
+  Gate gate_;
+  std::atomic<int> begun_{0};
   std::vector<std::shared_ptr<CallingSubscriber>> subscribers_;
   Deliveries::Subscriptions subscriptions_;
 };
@@ -87,14 +98,13 @@ TEST_F(DeliveriesTest, EveryWorkerTakesPartWhenCallbacksTakeLong) {
 TEST_F(DeliveriesTest, CallbacksOvertakeOneThatTakesLong) {
   Deliveries deliveries(2);
   WorkQueue queue(2);
-  Gate gate;
   std::atomic<int> others{0};
-  add(deliveries, [&] { gate.pass(); });
+  addHeld(deliveries, 1);
   for (int i = 0; i < 50; ++i) add(deliveries, [&] { ++others; });
   run(deliveries, queue);
   deliveries.callWorkers(queue);
   EXPECT_TRUE(eventually([&] { return others == 50; }));
-  gate.open();
+  gate_.open();
   EXPECT_TRUE(queue.waitIdle());
 }
 
@@ -154,23 +164,16 @@ class DeliveriesThatKeep : public DeliveriesTest {
 TEST_F(DeliveriesThatKeep, ReleaseWhatTheyKeepWhenTheLastCallbackHasReturned) {
   Deliveries deliveries(1);
   WorkQueue queue(1);
-  Gate gate;
-  std::atomic<int> called{0};
   std::atomic<bool> tooSoon{false};
-  for (int i = 0; i < 3; ++i) {
-    add(deliveries, [&] {
-      ++called;
-      gate.pass();
-      if (last_.expired()) tooSoon = true;
-    });
-  }
+  addHeld(deliveries, 2);
+  add(deliveries, [&] { tooSoon = last_.expired(); });
   run(deliveries, queue);
-  EXPECT_TRUE(eventually([&] { return called == 1; }));
+  EXPECT_TRUE(eventually([&] { return begun_ == 1; }));
   keep(deliveries);
   EXPECT_FALSE(last_.expired());
-  gate.open();
+  gate_.open();
   EXPECT_TRUE(queue.waitIdle());
-  EXPECT_EQ(called, 3);
+  EXPECT_EQ(begun_, 2);
   EXPECT_FALSE(tooSoon);
   EXPECT_TRUE(last_.expired());
 }
@@ -200,15 +203,14 @@ TEST_F(DeliveriesThatKeep, KeepNothingWhenNothingIsUnderWay) {
 TEST_F(DeliveriesThatKeep, KeepNothingThatWasNotAdded) {
   Deliveries deliveries(1);
   WorkQueue queue(1);
-  Gate gate;
-  add(deliveries, [&] { gate.pass(); });
+  addHeld(deliveries, 1);
   run(deliveries, queue);
   const auto called = std::move(subscriptions_);
   const auto other = std::make_shared<CallingSubscriber>([] {});
   subscriptions_ = {std::make_shared<Subscription<Subscriber>>(other)};
   keep(deliveries);
   EXPECT_TRUE(last_.expired());
-  gate.open();
+  gate_.open();
   EXPECT_TRUE(queue.waitIdle());
 }
 
@@ -224,19 +226,12 @@ TEST_F(DeliveriesThatKeep, KeepNothingWithoutWorkers) {
 TEST_F(DeliveriesThatKeep, GiveBackWhatIsNotCalledAnyMore) {
   Deliveries deliveries(1);
   WorkQueue queue(1);
-  Gate gate;
-  std::atomic<int> called{0};
-  for (int i = 0; i < 2; ++i) {
-    add(deliveries, [&] {
-      ++called;
-      gate.pass();
-    });
-  }
+  addHeld(deliveries, 2);
   run(deliveries, queue);
-  EXPECT_TRUE(eventually([&] { return called == 1; }));
+  EXPECT_TRUE(eventually([&] { return begun_ == 1; }));
   keep(deliveries);
   deliveries.abandon();
-  gate.open();
+  gate_.open();
   EXPECT_TRUE(queue.waitIdle());
   EXPECT_FALSE(last_.expired());
   EXPECT_EQ(deliveries.takeBack().size(), 2U);
@@ -270,21 +265,14 @@ TEST_F(DeliveriesTest, AValueForNobodyIsReleasedAtOnce) {
 TEST_F(DeliveriesTest, WhatIsAbandonedDoesNotBegin) {
   Deliveries deliveries(2);
   WorkQueue queue(2);
-  Gate gate;
-  std::atomic<int> begun{0};
-  for (int i = 0; i < 100; ++i) {
-    add(deliveries, [&] {
-      ++begun;
-      gate.pass();
-    });
-  }
+  addHeld(deliveries, 100);
   run(deliveries, queue);
   deliveries.callWorkers(queue);
-  EXPECT_TRUE(eventually([&] { return begun == 2; }));
+  EXPECT_TRUE(eventually([&] { return begun_ == 2; }));
   deliveries.abandon();
-  gate.open();
+  gate_.open();
   EXPECT_TRUE(queue.waitIdle());
-  EXPECT_EQ(begun, 2);
+  EXPECT_EQ(begun_, 2);
   deliveries.clear();
   EXPECT_TRUE(value_.released());
 }
@@ -318,15 +306,14 @@ TEST_F(DeliveriesTest, WorkersKnowWhomTheyServe) {
 }
 
 TEST_F(DeliveriesTest, AreNotFinishedOnceWaitingIsCancelled) {
-  Gate gate;
   Deliveries deliveries(1);
   WorkQueue queue(1);
   EXPECT_TRUE(deliveries.finish(queue));
-  add(deliveries, [&] { gate.pass(); });
+  addHeld(deliveries, 1);
   run(deliveries, queue);
   queue.cancelWaits();
   EXPECT_FALSE(deliveries.finish(queue));  // returns, though the callback has not
-  gate.open();
+  gate_.open();
 }
 
 }  // namespace
