@@ -491,17 +491,24 @@ TEST_F(DispatcherWithoutWorkers, TakesTheFirstValueAndGoesOnWithRegistrations) {
 TEST_F(DispatcherWithoutWorkers, IsNotHeldUpByAValueForThoseWhoHaveGone) {
   auto gone = recorder(SubscriptionMode::AllValues, "t", "");
   const auto once = recorder(SubscriptionMode::Once, "u", "");
+  // Has gone before it can be subscribed. The dispatcher lets go of it behind its look for those
+  // who have gone, and looks no more before it is woken again.
+  Journal journal;
+  const std::function<void()> note = [&] { journal.add("looked"); };
+  auto never = callingWhenFreed<Subscriber>(note, SubscriptionMode::AllValues, "never", "");
+  dispatcher.registerSubscriber(gone);
+  dispatcher.registerSubscriber(once);
+  dispatcher.registerSubscriber(never);
+  never.reset();
   dispatcher.start();
-  subscribe(broker.cache, gone, "t:default");
-  subscribe(broker.cache, once, "u:default");
+  EXPECT_EQ(broker.cache.receive(), subscribed("t:default"));
+  EXPECT_EQ(broker.cache.receive(), subscribed("u:default"));
+  ASSERT_TRUE(journal.waitFor(1));
   gone.reset();
   broker.cache.send(valueMessage("t:default", "1"));
   broker.cache.send(valueMessage("t:default", "2"));
   broker.cache.send(valueMessage("u:default", "3"));
-  Frames frames = broker.cache.receive();
-  // The wake-up that subscribed may have seen it go.
-  if (frames == unsubscribed("t:default")) frames = broker.cache.receive();
-  EXPECT_EQ(frames, unsubscribed("u:default"));  // so it was dispatched
+  EXPECT_EQ(broker.cache.receive(), unsubscribed("u:default"));  // so it was dispatched
 }
 
 // ---- on the dispatcher's own thread ----
@@ -542,6 +549,39 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
   EXPECT_EQ(broker.updates.receive(), subscribed(kMarker));
   expectNothingMoreOnTheWire();
   settle();
+}
+
+// Of those who wait for each other, only one has a worker when the thread ends without a sleep.
+TEST_F(DispatcherLife, LetsCallbacksMeetAlsoWhenItsOwnThreadEndsRightBehindTheirValue) {
+  Journal journal;
+  std::atomic<int> here{0};
+  const auto meet = [&](const void*, std::size_t) {
+    ++here;
+    if (eventually([&] { return here == 2; })) journal.add("met");
+  };
+  const auto one = std::make_shared<CallingSubscriber>(SubscriptionMode::NewValues, "t", meet);
+  const auto other = std::make_shared<CallingSubscriber>(SubscriptionMode::NewValues, "t", meet);
+  Gate sent;
+  const std::function<void()> stopIt = [&] {
+    journal.add("held");
+    sent.pass();
+    EXPECT_TRUE(wouldWaitForItself([&] { dispatcher.stop(); }));
+  };
+  auto subscriber = subscriberCallingWhenFreed(stopIt);
+  start();
+  subscribe(broker.updates, one, "t:default");
+  subscribe(broker.updates, other, "t:default");
+  subscribe(broker.cache, subscriber, "freed:default");
+  settle();
+  subscriber.reset();
+  const auto another = recorder(SubscriptionMode::AllValues, "another", "");
+  dispatcher.registerSubscriber(another);
+  ASSERT_TRUE(journal.waitFor(1));
+  broker.updates.send(valueMessage("t:default", "1"));
+  sent.open();
+  EXPECT_TRUE(journal.waitFor(3));
+  EXPECT_EQ(journal.lines(), (Lines{"held", "met", "met"}));
+  dispatcher.stop();
 }
 
 TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThreadWhileAnotherStopsIt) {
