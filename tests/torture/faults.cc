@@ -3,7 +3,6 @@
 
 #include "faults.h"
 
-#include <dlfcn.h>
 #include <execinfo.h>
 #include <pthread.h>
 #include <sys/mman.h>
@@ -16,6 +15,8 @@
 #include <cstring>
 #include <new>
 #include <system_error>
+
+#include "support/stand_in.h"
 
 namespace tessel::test {
 namespace {
@@ -98,9 +99,9 @@ class InsideZmq {
 };
 
 template <typename Function, typename... Arguments>
-auto real(const char* name, Function /*standIn*/, Arguments... arguments) {
+auto callReal(const char* name, Function standIn, Arguments... arguments) {
   const InsideZmq inside;
-  return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name))(arguments...);
+  return real(name, standIn)(arguments...);
 }
 
 // In front of every block: whether it counts. As large as the strictest alignment.
@@ -181,73 +182,72 @@ extern "C" {
 
 void* zmq_ctx_new() {
   if (fails(kContext, CALL_SITE)) return nullptr;
-  return real("zmq_ctx_new", &zmq_ctx_new);
+  return callReal("zmq_ctx_new", &zmq_ctx_new);
 }
 void* zmq_socket(void* context, int type) {
   if (fails(kSocket, CALL_SITE)) return nullptr;
-  return real("zmq_socket", &zmq_socket, context, type);
+  return callReal("zmq_socket", &zmq_socket, context, type);
 }
 // Closes all the same: nothing could be done with a socket that cannot be closed.
 int zmq_close(void* socket) {
   const bool failing = fails(kClose, CALL_SITE);
-  const int result = real("zmq_close", &zmq_close, socket);
+  const int result = callReal("zmq_close", &zmq_close, socket);
   if (failing) errno = ENOTSOCK;
   return failing ? -1 : result;
 }
 int zmq_setsockopt(void* socket, int option, const void* value, size_t size) {
   if (fails(kSetOption, CALL_SITE)) return -1;
-  return real("zmq_setsockopt", &zmq_setsockopt, socket, option, value, size);
+  return callReal("zmq_setsockopt", &zmq_setsockopt, socket, option, value, size);
 }
 int zmq_getsockopt(void* socket, int option, void* value, size_t* size) {
   if (fails(kGetOption, CALL_SITE)) return -1;
-  return real("zmq_getsockopt", &zmq_getsockopt, socket, option, value, size);
+  return callReal("zmq_getsockopt", &zmq_getsockopt, socket, option, value, size);
 }
 // ZeroMQ binds a name that nobody else knows unless a signal interrupts it.
 int zmq_bind(void* socket, const char* endpoint) {
   constexpr char ownName[] = "inproc://tessel/waiting";
   const bool own = std::strncmp(endpoint, ownName, sizeof ownName - 1) == 0;
   if (fails(kBind, CALL_SITE, own ? EINTR : kAnyError)) return -1;
-  return real("zmq_bind", &zmq_bind, socket, endpoint);
+  return callReal("zmq_bind", &zmq_bind, socket, endpoint);
 }
 int zmq_unbind(void* socket, const char* endpoint) {
   if (fails(kUnbind, CALL_SITE)) return -1;
-  return real("zmq_unbind", &zmq_unbind, socket, endpoint);
+  return callReal("zmq_unbind", &zmq_unbind, socket, endpoint);
 }
 int zmq_connect(void* socket, const char* endpoint) {
   if (fails(kConnect, CALL_SITE)) return -1;
-  return real("zmq_connect", &zmq_connect, socket, endpoint);
+  return callReal("zmq_connect", &zmq_connect, socket, endpoint);
 }
 int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
   if (fails(kPoll, CALL_SITE)) return -1;
-  return real("zmq_poll", &zmq_poll, items, count, timeout);
+  return callReal("zmq_poll", &zmq_poll, items, count, timeout);
 }
 int zmq_msg_init_size(zmq_msg_t* message, size_t size) {
   if (fails(kInitSize, CALL_SITE)) return -1;
-  return real("zmq_msg_init_size", &zmq_msg_init_size, message, size);
+  return callReal("zmq_msg_init_size", &zmq_msg_init_size, message, size);
 }
 int zmq_msg_init_data(zmq_msg_t* message, void* data, size_t size, zmq_free_fn* release,
                       void* hint) {
   if (fails(kInitData, CALL_SITE)) return -1;
-  return real("zmq_msg_init_data", &zmq_msg_init_data, message, data, size, release, hint);
+  return callReal("zmq_msg_init_data", &zmq_msg_init_data, message, data, size, release, hint);
 }
 int zmq_msg_copy(zmq_msg_t* target, zmq_msg_t* source) {
   if (fails(kCopy, CALL_SITE)) return -1;
-  return real("zmq_msg_copy", &zmq_msg_copy, target, source);
+  return callReal("zmq_msg_copy", &zmq_msg_copy, target, source);
 }
 int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
   if (fails(kSend, CALL_SITE)) return -1;
-  return real("zmq_msg_send", &zmq_msg_send, message, socket, flags);
+  return callReal("zmq_msg_send", &zmq_msg_send, message, socket, flags);
 }
 int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
   if (fails(kReceive, CALL_SITE)) return -1;
-  return real("zmq_msg_recv", &zmq_msg_recv, message, socket, flags);
+  return callReal("zmq_msg_recv", &zmq_msg_recv, message, socket, flags);
 }
 
 int pthread_create(pthread_t* thread, const pthread_attr_t* attributes, void* (*run)(void*),
                    void* argument) noexcept {
   if (fails(kThread, nullptr)) return errno;
-  using Create = int (*)(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
-  static const auto create = reinterpret_cast<Create>(dlsym(RTLD_NEXT, "pthread_create"));
+  static const auto create = real("pthread_create", &pthread_create);
   auto* const start = static_cast<Start*>(std::malloc(sizeof(Start)));
   *start = {run, argument, insideZmq > 0};
   return create(thread, attributes, runThread, start);
