@@ -76,6 +76,22 @@ TEST(ZmqSocket, ThrowsTheZmqTextWhenThereAreNoMoreSockets) {
   EXPECT_ZMQ_ERROR(ZmqSocket(ZMQ_PULL), EMFILE);
 }
 
+// What a closed one gives back may be somebody else's by then.
+TEST(ZmqSocket, WaitsASecondForTheSocketOfAnotherThatWasJustClosedBeforeItGivesUp) {
+  auto last = std::make_unique<ZmqSocket>(ZMQ_PULL);
+  const SocketBudget everyOther;
+  const auto begin = std::chrono::steady_clock::now();
+  last.reset();
+  void* place = nullptr;
+  ASSERT_TRUE(eventually([&] {
+    place = zmq_socket(ZmqContext::handle(), ZMQ_PAIR);
+    return place != nullptr;
+  }));
+  EXPECT_ZMQ_ERROR(ZmqSocket(ZMQ_PULL), EMFILE);
+  EXPECT_GE(std::chrono::steady_clock::now() - begin, std::chrono::seconds(1));
+  zmq_close(place);
+}
+
 TEST(ZmqSocket, ReleasesTheSocketWhenTheConstructorCannotConnect) {
   const OpenSockets sockets;
   for (int i = 0; i < 10; ++i) EXPECT_ZMQ_ERROR(ZmqSocket(ZMQ_PUSH, "no endpoint"), EINVAL);
