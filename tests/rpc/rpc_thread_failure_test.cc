@@ -5,6 +5,7 @@
 
 #include "life_fixture.h"
 #include "support/stand_in.h"
+#include "support/system_errors.h"
 
 namespace {
 
@@ -35,14 +36,9 @@ namespace {
 
 bool failsToStart(RpcBroker& broker, int threads) {
   threadsLeft = threads;
-  bool failed = false;
-  try {
-    broker.start();
-  } catch (const std::system_error& error) {
-    failed = error.code() == std::errc::resource_unavailable_try_again;
-  }
+  const std::error_code error = systemErrorOf([&] { broker.start(); });
   threadsLeft = -1;
-  return failed;
+  return error == std::errc::resource_unavailable_try_again;
 }
 
 TEST(RpcThreadFailure, LeavesTheDispatcherStoppedAndTheBrokerAsItWas) {

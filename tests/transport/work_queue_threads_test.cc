@@ -14,6 +14,7 @@
 
 #include "support/deadline.h"
 #include "support/stand_in.h"
+#include "support/system_errors.h"
 #include "support/watched_joins.h"
 #include "transport/work_queue.h"
 
@@ -41,12 +42,7 @@ TEST(WorkQueueThreads, ThoseStartedAreEndedWhenAFurtherOneCannotBeStarted) {
   for (int allowed = 0; allowed < 4; ++allowed) {
     threadsStarted = 0;
     threadsLeft = allowed;
-    try {
-      const WorkQueue queue(4);
-      ADD_FAILURE() << "the queue was made with " << allowed << " threads";
-    } catch (const std::system_error& error) {
-      EXPECT_EQ(error.code(), std::errc::resource_unavailable_try_again);
-    }
+    EXPECT_EQ(systemErrorOf([] { WorkQueue(4); }), std::errc::resource_unavailable_try_again);
     threadsLeft = -1;
     EXPECT_EQ(threadsStarted.load(), allowed);
   }
