@@ -9,6 +9,7 @@
 
 #include "transport/close_time.h"
 #include "transport/left_sockets.h"
+#include "transport/seeded_rand.h"
 #include "transport/zmq_context.h"
 #include "transport/zmq_error.h"
 
@@ -49,8 +50,13 @@ ZmqSocket::~ZmqSocket() { close(); }
 void ZmqSocket::create() {
   close();
   receivingMore_ = false;
-  lastClose.insist(EMFILE, kSocketPatience, [this] {
-    handle_ = zmq_socket(ZmqContext::handle(), type_);
+  const auto make = [this] { handle_ = zmq_socket(ZmqContext::handle(), type_); };
+  lastClose.insist(EMFILE, kSocketPatience, [&] {
+    if (type_ == ZMQ_ROUTER) {
+      withSeededRand(make);
+    } else {
+      make();
+    }
     return handle_ != nullptr;
   });
   try {

@@ -120,6 +120,39 @@ TEST_P(RpcProcesses, TwoSlavesWithOneServiceTheLaterIsCalledAndTheFirstTakesItBa
   EXPECT_TRUE(calledIs("last"));
 }
 
+// A slave and a caller of a master, in that order: peers are named in the order in which they come.
+struct SlaveAndCaller {
+  explicit SlaveAndCaller(const std::string& endpoint) {
+    slave.connect(endpoint).send(registration(true, "raw", "i"));
+    slave.send(request("unknown", "i"));
+    EXPECT_EQ(slave.receive(), enveloped({}, replyFrames(2, "service not found: unknown - i")));
+    caller.connect(endpoint).send(request("raw", "i", "m", "x"));
+    const Frames forwarded = slave.receive();
+    if (!forwarded.empty()) callerName = forwarded.front();
+    EXPECT_EQ(forwarded, enveloped({callerName}, requestFrames("raw", "i", "m", "x")));
+  }
+
+  RawPeer slave{ZMQ_DEALER};
+  RawPeer caller{ZMQ_DEALER};
+  std::string callerName;
+};
+
+TEST_P(RpcProcesses, AnAnswerThatTheMasterBeforeWaitedForReachesNobodyOfTheNext) {
+  const Watchdog watchdog("an answer to the master before");
+  Process master = startProcess({"master", endpoint});
+  std::string gone;
+  {
+    const SlaveAndCaller before(endpoint);
+    gone = before.callerName;
+  }
+  killProcess(master);
+  master = startProcess({"master", endpoint});
+  SlaveAndCaller now(endpoint);
+  now.slave.send(enveloped({gone}, replyFrames(0, "of before")));
+  now.slave.send(enveloped({now.callerName}, replyFrames(0, "of now")));
+  EXPECT_EQ(now.caller.receive(), result("of now"));
+}
+
 INSTANTIATE_TEST_SUITE_P(Over, RpcProcesses, testing::Values("tcp", "ipc"),
                          [](const auto& instance) { return instance.param; });
 

@@ -1,0 +1,17 @@
+#ifndef TESSEL_SRC_TRANSPORT_SEEDED_RAND_H
+#define TESSEL_SRC_TRANSPORT_SEEDED_RAND_H
+
+#include <functional>
+
+namespace tessel {
+
+/// Runs `call` while rand() of the C library gives numbers that no other process gets, and gives
+/// the application's sequence back afterwards. ZeroMQ takes from rand() where a ROUTER begins to
+/// count the identities of its peers, and seeds it nowhere, so that they are the same in every
+/// process: an answer that is late, to a caller of a master that has gone, would find somebody else
+/// of that name at the next master. Any thread; errno is that of `call`.
+void withSeededRand(const std::function<void()>& call);
+
+}  // namespace tessel
+
+#endif
