@@ -20,9 +20,9 @@ namespace {
 
 constexpr int kNoHighWaterMark = 0;
 
-// In the poll set.
-constexpr std::size_t kMainItem = 1;
-constexpr std::size_t kInternalItem = 2;  // a slave's
+// In a slave's poll set.
+constexpr std::size_t kMainItem = 0;
+constexpr std::size_t kInternalItem = 1;
 
 const std::string& onlyTransport(const std::vector<std::string>& transports) {
   if (transports.size() != 1) {
@@ -73,20 +73,23 @@ RpcBrokerImpl::RpcBrokerImpl(bool master, const std::vector<std::string>& transp
       internalEndpoint_("inproc://rpc_broker_internal_" + std::to_string(number_.value())),
       mainSocket_(master ? ZMQ_ROUTER : ZMQ_DEALER),
       internalSocket_(ZMQ_PULL),
-      poll_(master
-                ? PollSet{stopEvent_.pollHandle(), mainSocket_.handle()}
-                : PollSet{stopEvent_.pollHandle(), mainSocket_.handle(), internalSocket_.handle()}),
+      waker_(master ? ZMQ_DEALER : ZMQ_PUSH),
+      poll_{mainSocket_.handle(), internalSocket_.handle()},
       dispatcher_(notNull(std::move(dispatcher))),
       observers_(std::make_shared<ObserverData>()),
       localRoad_(std::make_shared<LocalRoad>(*this)) {
+  waker_.liftSendLimit();  // a stop never waits for those before it to be read
   if (master_) {
     for (const std::string& transport : transports) mainSocket_.bind(transport);
     mainSocket_.bind(routerEndpoint_);
+    mainSocket_.waitThroughSignals();
+    waker_.connect(routerEndpoint_);
   } else {
     mainSocket_.liftSendLimit();  // announcements wait for the master
     mainSocket_.connect(routerEndpoint_);
     internalSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);  // registering never waits
     internalSocket_.bind(internalEndpoint_);
+    waker_.connect(internalEndpoint_);
   }
   number_.settle();
 }
@@ -242,9 +245,15 @@ void RpcBrokerImpl::stop(bool clearServices, bool clearObservers) {
 
 void RpcBrokerImpl::joinThread() {
   stopRequested_ = true;
-  stopEvent_.signal();
+  wakeThread();
   thread_.join();
-  stopEvent_.consume();  // here, since the loop may have ended by the flag without it
+}
+
+// By a message that says nothing: it is dropped, now or after the next start, as any that cannot be
+// read.
+void RpcBrokerImpl::wakeThread() {
+  ZmqFrame empty;
+  waker_.send(empty, 0);
 }
 
 void RpcBrokerImpl::run(const ServiceKeys& announced) {
@@ -287,19 +296,25 @@ void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {
   }
 }
 
+// A master has only one socket to wait for, and waits in its receive: that takes two system calls,
+// a poll before it five. What that receive has taken is served, since it came before the wake-up.
 bool RpcBrokerImpl::serveOnce() {
   if (stopRequested_) return false;
+  if (master_) {
+    serveMain(0);
+    return true;
+  }
   const bool waits = lastPass_ != Pass::kServed;
-  if (waits) waitForWork();  // only when nothing is there: it costs several system calls
+  if (waits) waitForMasterOrChanges();  // only when nothing is there
   if (stopRequested_) return false;
-  const bool main = serveMain();
-  const bool internal = !master_ && (!waits || poll_.readable(kInternalItem)) && serveInternal();
+  const bool main = serveMain(ZMQ_DONTWAIT);
+  const bool internal = (!waits || poll_.readable(kInternalItem)) && serveInternal();
   lastPass_ = main || internal ? Pass::kServed : Pass::kFoundNothing;
   return true;
 }
 
-void RpcBrokerImpl::waitForWork() {
-  // A slave's is made anew by sending, when its master was of this process and has gone.
+void RpcBrokerImpl::waitForMasterOrChanges() {
+  // Made anew by sending, when its master was of this process and has gone.
   poll_.replace(kMainItem, mainSocket_.handle());
   if (lastPass_ == Pass::kNone) {
     poll_.wait();
@@ -308,9 +323,9 @@ void RpcBrokerImpl::waitForWork() {
   }
 }
 
-bool RpcBrokerImpl::serveMain() {
+bool RpcBrokerImpl::serveMain(int flags) {
   MessageHeader header;
-  switch (readMessageHeader(mainSocket_, header, ZMQ_DONTWAIT)) {
+  switch (readMessageHeader(mainSocket_, header, flags)) {
     case HeaderRead::kNothing:
       return false;
     case HeaderRead::kMalformed:

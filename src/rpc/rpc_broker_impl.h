@@ -20,7 +20,6 @@
 #include "transport/broker_number.h"
 #include "transport/mutex.h"
 #include "transport/poll_set.h"
-#include "transport/zmq_event.h"
 #include "transport/zmq_socket.h"
 
 namespace tessel {
@@ -88,10 +87,10 @@ class RpcBrokerImpl {
   enum class Entry { kEntered, kOnOwnThread, kWaitedFor };
 
   void run(const ServiceKeys& announced);
-  void waitForWork();
+  void waitForMasterOrChanges();
   void leave() TESSEL_EXCLUDES(registryMutex_);
   void dropQueuedRegistrations();
-  bool serveMain();
+  bool serveMain(int flags);
   bool serveInternal();
   void serveRequest(MessageHeader&& header) TESSEL_EXCLUDES(registryMutex_);
   void serveReply(MessageHeader&& header);
@@ -104,9 +103,10 @@ class RpcBrokerImpl {
   void closeRegistry() TESSEL_EXCLUDES(registryMutex_);
   Entry enterLifecycle() TESSEL_NO_THREAD_SAFETY_ANALYSIS;
   void joinThread() TESSEL_REQUIRES(lifecycleMutex_);
+  void wakeThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
-  Pass lastPass_ = Pass::kNone;  // the broker thread's own
+  Pass lastPass_ = Pass::kNone;  // the broker thread's own, of a slave
   BrokerNumber number_{BrokerKind::kRpc};
   const std::string routerEndpoint_;
   const std::string internalEndpoint_;
@@ -122,8 +122,8 @@ class RpcBrokerImpl {
   // Whoever holds lifecycleMutex_ may be waiting for a call that is being served.
   std::atomic<bool> waitingForCalls_{false};
   std::atomic<bool> stopRequested_{false};
-  ZmqEvent stopEvent_;  // signalled and consumed under lifecycleMutex_ only
-  PollSet poll_;        // the broker thread's own
+  ZmqSocket waker_;  // to the socket that the broker thread waits for; under lifecycleMutex_ only
+  PollSet poll_;     // the broker thread's own, of a slave
 
   const std::shared_ptr<RpcDispatcher> dispatcher_;
 

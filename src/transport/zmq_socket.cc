@@ -156,8 +156,9 @@ bool ZmqSocket::send(std::shared_ptr<ZmqFrame>&& frame, int flags) {
 bool ZmqSocket::receive(ZmqFrame& frame, int flags) {
   const auto receiveNow = [&] { return zmq_msg_recv(frame.raw(), handle_, flags); };
   // The frames of a message come together, so only the first is ever waited for.
-  const bool waits = (flags & ZMQ_DONTWAIT) == 0 && !receivingMore_;
-  if ((waits ? receiveNow() : uninterrupted(receiveNow)) >= 0) {
+  const bool endedBySignals =
+      !waitsThroughSignals_ && (flags & ZMQ_DONTWAIT) == 0 && !receivingMore_;
+  if ((endedBySignals ? receiveNow() : uninterrupted(receiveNow)) >= 0) {
     receivingMore_ = frame.more();
     return true;
   }

@@ -53,6 +53,8 @@ class ZmqSocket {
   void setReceiveTimeout(std::int64_t milliseconds);
   /// Queues what is sent without a limit, also after a reconnect. Before connect().
   void liftSendLimit();
+  /// No signal handler ends the waiting for a message any more: for the library's own threads.
+  void waitThroughSignals() { waitsThroughSignals_ = true; }
   void setOption(int option, const void* value, std::size_t size);
   void setOption(int option, int value) { setOption(option, &value, sizeof value); }
   void setOption(int option, const std::string& value) {
@@ -64,7 +66,8 @@ class ZmqSocket {
   bool send(std::shared_ptr<ZmqFrame>&& frame, int flags);
   /// False on a time-out, with ZMQ_DONTWAIT when nothing is there, or at once when the in-process
   /// peer of a request went before it had the whole of it. A signal handler ends the waiting for a
-  /// message: thrown. Nothing else that a socket does is ended by one.
+  /// message: thrown, but for waitThroughSignals(). Nothing else that a socket does is ended by
+  /// one.
   bool receive(ZmqFrame& frame, int flags);
   bool receive(const std::shared_ptr<ZmqFrame>& frame, int flags);
   /// Whether the last frame received has others behind it.
@@ -104,6 +107,7 @@ class ZmqSocket {
   std::string endpoint_;
   int receiveTimeout_ = -1;
   bool sendLimitLifted_ = false;
+  bool waitsThroughSignals_ = false;
   bool receivingMore_ = false;
   int connectError_ = 0;  // of the last connect; 0 when it succeeded
   std::function<void()> onPeerGone_;

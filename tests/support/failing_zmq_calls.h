@@ -24,6 +24,7 @@ struct Failure {
 };
 inline Failure failure;
 inline std::atomic<bool> armed{false};
+inline std::atomic<int> failed{0};             // calls
 inline std::atomic<bool> onTestThread{false};  // on that one only, instead
 inline const std::thread::id testThread = std::this_thread::get_id();
 
@@ -38,6 +39,7 @@ inline bool fails(const char* function, void* socket) {
   if (!armed || failure.function != std::string(function)) return false;
   if ((std::this_thread::get_id() == testThread) != onTestThread) return false;
   if (socket != nullptr && typeOf(socket) != failure.socketType) return false;
+  ++failed;
   errno = failure.error;
   return true;
 }

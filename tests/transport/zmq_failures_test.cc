@@ -596,6 +596,15 @@ TEST_F(InterruptedReceive, ThrowsWhereItWaits) {
   EXPECT_ZMQ_ERROR(receiver_.receive(frame, 0), EINTR);
 }
 
+TEST_F(InterruptedReceive, WaitsOnWhenSignalsAreNotToEndIt) {
+  receiver_.waitThroughSignals();
+  ZmqFrame frame;
+  const Failing failing("zmq_msg_recv", EINTR, 0, 3);
+  EXPECT_TRUE(receiver_.receive(frame, 0));
+  EXPECT_TRUE(failing.used());
+  EXPECT_EQ(frame.toString(), "a");
+}
+
 TEST_F(InterruptedReceive, OfANewSocketWaitsAgain) {
   ZmqFrame frame;
   EXPECT_TRUE(receiver_.receive(frame, 0));
