@@ -1,64 +1,137 @@
 #include "pubsub/last_value_cache.h"
 
-#include <cstring>
+#include <algorithm>
+#include <functional>
+#include <limits>
+#include <new>
 #include <utility>
 
 namespace tessel {
 namespace {
 
-constexpr std::size_t kInitialBuckets = 8;
-
 // ZeroMQ receives into buffers of 8192 bytes, which the frames that fit in share. What is larger
 // has memory of its own, which costs no more to keep than a copy and saves making it.
 constexpr std::size_t kKeepFrameFrom = 8193;
+static_assert(kKeepFrameFrom <= std::numeric_limits<std::uint16_t>::max(), "or sizes do not fit");
 
-bool equal(const KeptValue& kept, const ZmqFrame& value) {
-  return kept.size() == value.size() &&
-         (kept.size() == 0 || std::memcmp(kept.data(), value.data(), kept.size()) == 0);
+/// Bytes that are copied of a value.
+std::size_t copySizeOf(std::size_t size) { return size < kKeepFrameFrom ? size : 0; }
+
+std::uint32_t hashOf(std::string_view key) {
+  return static_cast<std::uint32_t>(std::hash<std::string_view>()(key));
 }
 
 }  // namespace
 
-void KeptValue::assign(ZmqFrame& value) {
-  const std::size_t size = value.size();
-  if (size >= kKeepFrameFrom) {
+KeptValue::KeptValue(std::uint32_t hash, std::string_view key, std::size_t capacity) noexcept
+    : keySize_(key.size()), hash_(hash), copyCapacity_(static_cast<std::uint16_t>(capacity)) {
+  std::copy(key.begin(), key.end(), bytesBehind());
+}
+
+void KeptValue::Release::operator()(KeptValue* kept) const noexcept {
+  kept->~KeptValue();
+  ::operator delete(kept);
+}
+
+KeptValue::Link KeptValue::make(std::uint32_t hash, std::string_view key, ZmqFrame& value,
+                                std::string_view bytes) {
+  const std::size_t capacity = copySizeOf(bytes.size());
+  void* const block = ::operator new(sizeof(KeptValue) + key.size() + capacity);
+  Link kept(new (block) KeptValue(hash, key, capacity));
+  kept->assign(value, bytes);
+  return kept;
+}
+
+bool KeptValue::fits(std::size_t size) const {
+  const std::size_t needed = copySizeOf(size);
+  return needed <= copyCapacity_ && needed >= copyCapacity_ / 4U;
+}
+
+void KeptValue::assign(ZmqFrame& value, std::string_view bytes) {
+  if (bytes.size() >= kKeepFrameFrom) {
+    ZmqFrame shared = value.share();
     if (frame_ == nullptr) frame_ = std::make_unique<ZmqFrame>();
-    *frame_ = value.share();
-    bytes_ = {};
+    *frame_ = std::move(shared);
     return;
   }
-  if (size < bytes_.capacity() / 4) bytes_ = {};  // what was large once need not stay so
-  const auto* bytes = static_cast<const std::uint8_t*>(value.data());
-  bytes_.assign(bytes, bytes + size);
+  std::copy(bytes.begin(), bytes.end(), copy());
+  copySize_ = static_cast<std::uint16_t>(bytes.size());
   frame_.reset();
 }
 
-LastValueCache::LastValueCache() { clear(); }
-
-bool LastValueCache::store(const std::string& key, ZmqFrame& value) {
-  const auto entry = values_.find(key);
-  if (entry == values_.end()) {
-    KeptValue kept;
-    kept.assign(value);
-    values_.emplace(key, std::move(kept));
-    return true;
+bool LastValueCache::store(std::string_view key, ZmqFrame& value) {
+  const std::uint32_t hash = hashOf(key);
+  const std::string_view bytes(static_cast<const char*>(value.data()), value.size());
+  Link& kept = linkTo(hash, key);
+  if (kept == nullptr) {
+    insert(KeptValue::make(hash, key, value, bytes));
+  } else if (kept->bytes() == bytes) {
+    return false;
+  } else if (kept->fits(bytes.size())) {
+    kept->assign(value, bytes);
+  } else {
+    Link other = KeptValue::make(hash, key, value, bytes);
+    other->next_ = std::move(kept->next_);
+    kept = std::move(other);
   }
-  if (equal(entry->second, value)) return false;
-  entry->second.assign(value);
   return true;
 }
 
-const KeptValue* LastValueCache::find(const std::string& key) const {
-  const auto entry = values_.find(key);
-  return entry == values_.end() ? nullptr : &entry->second;
+const KeptValue* LastValueCache::find(std::string_view key) const {
+  return const_cast<LastValueCache*>(this)->linkTo(hashOf(key), key).get();
 }
 
-bool LastValueCache::erase(const std::string& key) { return values_.erase(key) != 0; }
+bool LastValueCache::erase(std::string_view key) {
+  Link& kept = linkTo(hashOf(key), key);
+  if (kept == nullptr) return false;
+  kept = std::move(kept->next_);
+  --size_;
+  return true;
+}
 
-void LastValueCache::clear() {
-  values_.clear();  // also when there is no memory for the few buckets of the beginning
-  values_ = std::unordered_map<std::string, KeptValue>(kInitialBuckets);
-  values_.max_load_factor(1.0F);
+// One after the other: those of a bucket, which may be many if somebody makes keys to that end,
+// would otherwise go within each other's destructors. Succeeds without memory, too.
+void LastValueCache::clear() noexcept {
+  for (Link& first : buckets_) {
+    while (first != nullptr) first = std::move(first->next_);
+  }
+  size_ = 0;
+  buckets_.resize(kInitialBuckets);
+  buckets_.shrink_to_fit();
+}
+
+KeptValue::Link& LastValueCache::bucketOf(std::uint32_t hash, std::vector<Link>& buckets) {
+  return buckets[hash & (buckets.size() - 1)];
+}
+
+void LastValueCache::putFirst(Link kept, std::vector<Link>& buckets) {
+  Link& first = bucketOf(kept->hash_, buckets);
+  kept->next_ = std::move(first);
+  first = std::move(kept);
+}
+
+KeptValue::Link& LastValueCache::linkTo(std::uint32_t hash, std::string_view key) {
+  Link* link = &bucketOf(hash, buckets_);
+  while (*link != nullptr && !(*link)->isOf(hash, key)) link = &(*link)->next_;
+  return *link;
+}
+
+void LastValueCache::insert(Link kept) {
+  if (size_ == buckets_.size()) grow();
+  putFirst(std::move(kept), buckets_);
+  ++size_;
+}
+
+void LastValueCache::grow() {
+  std::vector<Link> wider(2 * buckets_.size());
+  for (Link& first : buckets_) {
+    while (first != nullptr) {
+      Link rest = std::move(first->next_);
+      putFirst(std::move(first), wider);
+      first = std::move(rest);
+    }
+  }
+  buckets_ = std::move(wider);
 }
 
 }  // namespace tessel

@@ -3,6 +3,7 @@
 #include <zmq.h>
 
 #include <exception>
+#include <string_view>
 #include <system_error>
 #include <utility>
 
@@ -233,15 +234,16 @@ std::exception_ptr MessageBrokerImpl::forgetCachedValues() {
       if (thrown == nullptr) thrown = std::current_exception();
     }
   };
-  cache_.forEachKey([&](const std::string& key) {
+  cache_.forEachKey([&](std::string_view key) {
     keepFirst([&] {  // there may be no memory
-      const TopicAndTag parts = splitKey(key);
+      key_.assign(key);
+      const TopicAndTag parts = splitKey(key_);
       observers_.notify([&](MessageBrokerObserver& observer) {
         keepFirst([&] { observer.onUnpublish(parts.topic, parts.tag, true, true, false); });
       });
     });
   });
-  keepFirst([this] { cache_.clear(); });
+  cache_.clear();
   return thrown;
 }
 

@@ -3,7 +3,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <map>
+#include <random>
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace tessel {
@@ -23,7 +28,7 @@ std::string kept(const LastValueCache& cache, const std::string& key) {
 
 std::vector<std::string> keys(const LastValueCache& cache) {
   std::vector<std::string> found;
-  cache.forEachKey([&](const std::string& key) { found.push_back(key); });
+  cache.forEachKey([&](std::string_view key) { found.emplace_back(key); });
   return found;
 }
 
@@ -71,10 +76,22 @@ TEST(LastValueCache, KeepsALargeValueWhenItsFrameHasGone) {
 
 TEST(LastValueCache, DoesNotKeepTheMemoryOfALargeValueForASmallOne) {
   LastValueCache cache;
-  store(cache, "a:b", std::string(1 << 20, 'x'));
-  store(cache, "a:b", "small");
-  EXPECT_EQ(kept(cache, "a:b"), "small");
-  EXPECT_LT(cache.find("a:b")->capacity(), 100U);
+  for (const std::size_t large : {1U << 20U, 8193U, 8192U, 100U}) {
+    SCOPED_TRACE(large);
+    store(cache, "a:b", std::string(large, 'x'));
+    EXPECT_EQ(cache.find("a:b")->capacity(), large);
+    store(cache, "a:b", "small");
+    EXPECT_EQ(kept(cache, "a:b"), "small");
+    EXPECT_LT(cache.find("a:b")->capacity(), 20U);
+  }
+}
+
+TEST(LastValueCache, DoesNotKeepTheMemoryOfASmallValueBesideALargeOne) {
+  LastValueCache cache;
+  store(cache, "a:b", std::string(8192, 'x'));
+  store(cache, "a:b", std::string(8193, 'y'));
+  EXPECT_EQ(kept(cache, "a:b"), std::string(8193, 'y'));
+  EXPECT_EQ(cache.find("a:b")->capacity(), 8193U);
 }
 
 TEST(LastValueCache, KnowsARepeatByItsBytes) {
@@ -142,6 +159,44 @@ TEST(LastValueCache, ForgetsEverythingWhenCleared) {
   EXPECT_EQ(cache.find("1"), nullptr);
   EXPECT_TRUE(store(cache, "1", "value"));
   EXPECT_EQ(kept(cache, "1"), "value");
+}
+
+TEST(LastValueCache, CanBeFilledAgainAfterItWasCleared) {
+  LastValueCache cache;
+  for (int round = 0; round < 3; ++round) {
+    for (int i = 0; i < 1000; ++i) EXPECT_TRUE(store(cache, std::to_string(i), "value"));
+    cache.clear();
+    cache.clear();
+    EXPECT_TRUE(keys(cache).empty());
+  }
+}
+
+// Against a table of the standard library, with keys enough to grow and to meet in a bucket.
+TEST(LastValueCache, DoesWhatAMapDoes) {
+  LastValueCache cache;
+  std::map<std::string, std::string> expected;
+  std::mt19937 random(1);
+  const auto oneOf = [&](std::uint32_t count) { return random() % count; };
+  for (int i = 0; i < 50000; ++i) {
+    const std::string key = std::to_string(oneOf(2000));
+    if (oneOf(4) == 0) {
+      EXPECT_EQ(cache.erase(key), expected.erase(key) != 0);
+    } else {
+      const std::string value(oneOf(8) == 0 ? 8000 + oneOf(400) : oneOf(20), oneOf(2) ? 'x' : 'y');
+      const auto before = expected.find(key);
+      EXPECT_EQ(store(cache, key, value), before == expected.end() || before->second != value);
+      expected[key] = value;
+    }
+    EXPECT_EQ(cache.size(), expected.size());
+    const std::string other = std::to_string(oneOf(2000));
+    const auto there = expected.find(other);
+    EXPECT_EQ(kept(cache, other), there == expected.end() ? "(absent)" : there->second);
+  }
+  std::vector<std::string> expectedKeys;
+  for (const auto& entry : expected) expectedKeys.push_back(entry.first);
+  std::vector<std::string> found = keys(cache);
+  std::sort(found.begin(), found.end());
+  EXPECT_EQ(found, expectedKeys);
 }
 
 }  // namespace
