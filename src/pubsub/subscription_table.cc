@@ -36,9 +36,9 @@ void SubscriptionTable::unsubscribe(const SubscriptionBase& entry) {
 
 void SubscriptionTable::add(Entry entry) {
   subscribe(*entry);
-  const std::string key = indexKey(*entry);
-  Group& group = indexOf(*entry)[key];
-  if (entry->isPrefix() && group.empty()) ++prefixLengths_[key.size()];
+  const auto found = indexOf(*entry).try_emplace(indexKey(*entry)).first;
+  Group& group = found->second;
+  if (entry->isPrefix() && group.empty()) ++prefixLengths_[found->first.size()];
   group.push_back(std::move(entry));
 }
 
