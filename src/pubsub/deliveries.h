@@ -28,16 +28,19 @@ class Deliveries {
 
   // Of the dispatcher thread.
 
-  /// Adds a callback for the next value, while nothing is under way. No owner is counted in and out
-  /// for it: that took the count from one processor to the other for each callback. So who lets go
-  /// of a subscription meanwhile hands it to keep().
-  void add(const SubscriptionBase& subscription) {
+  /// Adds a callback for the next value, while nothing is under way. Takes the address only: to
+  /// count an owner in and out would move that count between processors for each callback. So the
+  /// subscription must not be destroyed before the callbacks have returned; whoever removes it from
+  /// a table hands it to keep().
+  void add(SubscriptionBase& subscription) {
+    subscription.setPlace(subscriptions_.size());
     subscriptions_.push_back(&subscription);
     unfinished_.store(subscriptions_.size(), std::memory_order_relaxed);
   }
   /// Owns those of the subscriptions that were added until the callbacks of the value have
-  /// returned, and releases the others at once.
-  void keep(Subscriptions&& subscriptions) TESSEL_EXCLUDES(keptMutex_);
+  /// returned, and releases the others at once. Without memory for that the process ends: a
+  /// callback may be about to begin on one that would be released.
+  void keep(Subscriptions&& subscriptions) noexcept TESSEL_EXCLUDES(keptMutex_);
   /// Calls what was added with the value. Under way until the queue is idle.
   void run(ReceivedNotification&& value, WorkQueue& queue);
   /// Has every worker take part for whom there is a callback left. Before a sleep, since a callback
@@ -58,6 +61,7 @@ class Deliveries {
  private:
   void callWorker(WorkQueue& queue);
   void work();
+  bool wasAdded(const SubscriptionBase& subscription) const;
   Subscriptions takeKept() TESSEL_EXCLUDES(keptMutex_);
 
   const std::size_t workerCount_;
@@ -68,8 +72,10 @@ class Deliveries {
   std::vector<const SubscriptionBase*> subscriptions_;
   ReceivedNotification value_;
 
-  std::atomic<std::size_t> next_{0};        // the first subscription that nobody has taken
-  std::atomic<std::size_t> unfinished_{0};  // callbacks, but for those of workers that are at it
+  std::atomic<std::size_t> next_{0};  // the first subscription that nobody has taken
+  // Callbacks not counted off yet; a worker counts his off all at once when he leaves. At 0 none
+  // runs and none will begin.
+  std::atomic<std::size_t> unfinished_{0};
 
   Mutex keptMutex_;
   // Those of subscriptions_ that nobody else may own any more. The worker who is the last to leave

@@ -16,7 +16,7 @@ namespace tessel {
 /// One registration of a subscriber with a dispatcher. It does not keep the subscriber alive, and
 /// owns it only while a callback runs: so no subscriber is ever destroyed on the dispatcher thread,
 /// though the deleter or allocator that an application put into its shared_ptr may be, with the
-/// last registration. Unchanged once made, other than delivered().
+/// last registration. Unchanged once made, other than delivered() and place().
 class SubscriptionBase {
  public:
   virtual ~SubscriptionBase() = default;
@@ -41,6 +41,10 @@ class SubscriptionBase {
   /// only. The dispatcher thread's own.
   bool delivered() const { return delivered_; }
   void setDelivered() { delivered_ = true; }
+  /// Where it stood among those whom the last value that was for it went to. The dispatcher
+  /// thread's own.
+  std::size_t place() const { return place_; }
+  void setPlace(std::size_t place) { place_ = place; }
 
  protected:
   SubscriptionBase(SubscriptionMode mode, const std::string& key, bool isPrefix)
@@ -54,6 +58,7 @@ class SubscriptionBase {
   const std::string key_;
   const bool isPrefix_;
   bool delivered_;
+  std::size_t place_ = 0;
 };
 
 /// Prefixes are compared as NUL-terminated texts: what follows a NUL byte only counts by its
