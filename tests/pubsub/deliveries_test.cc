@@ -214,6 +214,35 @@ TEST_F(DeliveriesThatKeep, KeepNothingThatWasNotAdded) {
   EXPECT_TRUE(queue.waitIdle());
 }
 
+// Others were added in their places since.
+TEST_F(DeliveriesThatKeep, KeepNothingThatWasAddedForAnEarlierValueOnly) {
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  std::atomic<int> called{0};
+  for (int i = 0; i < 3; ++i) add(deliveries, [&] { ++called; });
+  const auto earlier = std::move(subscriptions_);
+  run(deliveries, queue);
+  EXPECT_TRUE(queue.waitIdle());
+  EXPECT_EQ(called, 3);
+  deliveries.clear();
+  addHeld(deliveries, 2);
+  run(deliveries, queue);
+  const auto later = std::move(subscriptions_);
+  for (const auto& one : earlier) {
+    const std::weak_ptr<SubscriptionBase> watch = one;
+    const auto before = watch.use_count();
+    deliveries.keep({one});
+    EXPECT_EQ(watch.use_count(), before);
+  }
+  for (const auto& one : later) {
+    deliveries.keep({one});
+    EXPECT_EQ(one.use_count(), 2);
+  }
+  gate_.open();
+  EXPECT_TRUE(queue.waitIdle());
+  for (const auto& one : later) EXPECT_EQ(one.use_count(), 1);
+}
+
 TEST_F(DeliveriesThatKeep, KeepNothingWithoutWorkers) {
   Deliveries deliveries(0);
   WorkQueue queue(0);

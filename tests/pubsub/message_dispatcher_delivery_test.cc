@@ -10,8 +10,10 @@
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 #include "pubsub/dispatcher_fixture.h"
+#include "support/calling_allocator.h"
 #include "support/subscribers.h"
 
 namespace tessel {
@@ -694,6 +696,30 @@ TEST_F(SingleWorkerDelivery, ReachesASubscriberTakenBackWhileItsCallIsQueued) {
   held->gate.open();
   settle();
   EXPECT_EQ(multi->journal.lines().size(), 1U);
+}
+
+// Its callback is queued when the dispatcher finds that it has gone, and a worker will look at it.
+TEST_F(SingleWorkerDelivery, KeepsWhatIsLeftOfASubscriberThatHasGoneWhileItsCallIsQueued) {
+  std::vector<std::shared_ptr<HeldSubscriber>> staying;
+  dispatcher.start();
+  for (const SubscriptionMode mode : {SubscriptionMode::AllValues, SubscriptionMode::NewValues}) {
+    RawPeer& socket = mode == SubscriptionMode::NewValues ? broker.updates : broker.cache;
+    Journal freed;
+    const std::function<void()> note = [&freed] { freed.add("freed"); };
+    const auto held = std::make_shared<HeldSubscriber>(mode, "t", "");
+    auto going = callingWhenFreed<RecordingSubscriber>(note, mode, "t", "");
+    staying.push_back(held);
+    subscribe(socket, held, "t:default");
+    subscribe(socket, going, "t:default");
+    socket.send(valueMessage("t:default", "1"));
+    ASSERT_TRUE(held->journal.waitFor(1));
+    going.reset();
+    expectNothingMoreOnTheWire();  // makes the dispatcher look for who has gone
+    expectNothingMoreOnTheWire();  // so it has looked
+    EXPECT_EQ(freed.lines(), Lines{});
+    held->gate.open();
+    EXPECT_EQ(freed.lines(1), Lines{"freed"});
+  }
 }
 
 TEST_F(DispatcherDelivery, OfOnceLeavesWhoHasGoneToTheNextWakeUp) {

@@ -220,9 +220,24 @@ TEST_F(DispatcherWithoutWorkers, KeepsWhoWaitsForAValueThatItDropsWhenItStops) {
 // the lock that a stop holds. Here the stop finds that reference itself.
 class DispatcherThatStops : public DispatcherWithOneWorker {
  protected:
-  std::shared_ptr<CallingSubscriber> subscriber(CallingSubscriber::Call call) {
-    return callingWhenFreed<CallingSubscriber>(stopIt_, SubscriptionMode::AllValues, "t",
-                                               std::move(call));
+  std::shared_ptr<CallingSubscriber> subscriber(SubscriptionMode mode,
+                                                CallingSubscriber::Call call) {
+    return callingWhenFreed<CallingSubscriber>(stopIt_, mode, "t", std::move(call));
+  }
+  void stopWhenOneThatItCallsNoMoreHasGone(SubscriptionMode mode, RawPeer& socket) {
+    const auto held = std::make_shared<HeldSubscriber>(mode, "t", "");
+    auto going = subscriber(mode, [this](const void*, std::size_t) { journal.add("called"); });
+    dispatcher.start();
+    subscribe(socket, held, "t:default");
+    subscribe(socket, going, "t:default");
+    socket.send(valueMessage("t:default", "1"));
+    ASSERT_TRUE(held->journal.waitFor(1));
+    going.reset();
+    const auto stopping = stopUntilJoins(2);
+    EXPECT_EQ(journal.lines(), Lines{});  // a worker may still look at it
+    held->gate.open();
+    stopping->join();
+    EXPECT_EQ(journal.lines(), Lines{"freed"});
   }
 
   Journal journal;
@@ -237,7 +252,7 @@ class DispatcherThatStops : public DispatcherWithOneWorker {
 };
 
 TEST_F(DispatcherThatStops, MayBeStoppedByWhatIsFreedWithASubscriberThatItForgets) {
-  auto going = subscriber([this](const void*, std::size_t) {
+  auto going = subscriber(SubscriptionMode::AllValues, [this](const void*, std::size_t) {
     journal.add("called");
     gate.pass();
   });
@@ -253,18 +268,11 @@ TEST_F(DispatcherThatStops, MayBeStoppedByWhatIsFreedWithASubscriberThatItForget
 }
 
 TEST_F(DispatcherThatStops, MayBeStoppedByWhatIsFreedWithASubscriberThatItCallsNoMore) {
-  const auto held = std::make_shared<HeldSubscriber>(SubscriptionMode::AllValues, "t", "");
-  auto going = subscriber([this](const void*, std::size_t) { journal.add("called"); });
-  dispatcher.start();
-  subscribe(broker.cache, held, "t:default");
-  subscribe(broker.cache, going, "t:default");
-  broker.cache.send(valueMessage("t:default", "1"));
-  ASSERT_TRUE(held->journal.waitFor(1));
-  going.reset();
-  const auto stopping = stopUntilJoins(2);
-  held->gate.open();
-  stopping->join();
-  EXPECT_EQ(journal.lines(), Lines{"freed"});
+  stopWhenOneThatItCallsNoMoreHasGone(SubscriptionMode::AllValues, broker.cache);
+}
+
+TEST_F(DispatcherThatStops, MayBeStoppedByWhatIsFreedWithOneOfNewValuesThatItCallsNoMore) {
+  stopWhenOneThatItCallsNoMoreHasGone(SubscriptionMode::NewValues, broker.updates);
 }
 
 }  // namespace
