@@ -110,7 +110,7 @@ void MessageBrokerImpl::detach(const std::shared_ptr<MessageBrokerObserver>& obs
 
 void MessageBrokerImpl::run() {
   const NamedThread running(threadId_);
-  stopSignalUsed_ = true;  // by the last stop(), if there was one
+  stopSignalMayBeUnread_ = true;  // the last stop() has received from it
   while (serveOnce()) {
   }
 }
@@ -119,19 +119,19 @@ bool MessageBrokerImpl::serveOnce() {
   if (stopRequested_) return false;
   if (idle_ || ++passesSincePoll_ >= kMaxPassesWithoutPoll) {
     passesSincePoll_ = 0;
-    if (idle_ && !stopSignalUsed_) {
+    if (idle_ && !stopSignalMayBeUnread_) {
+      // The PUB socket, from which nobody receives, counts as empty: it never has anything to read,
+      // and subscribers who come and go there raise its handle as ever.
       poll_.waitFoundEmpty();
     } else {
       poll_.wait();
     }
-    stopSignalUsed_ = false;
+    stopSignalMayBeUnread_ = false;
     if (stopRequested_ || poll_.readable(kStopItem)) return false;
   }
+  idle_ = false;  // until all sockets were looked at, which what is thrown may prevent
   const Inbound inbound = serveInbound();
-  if (inbound == Inbound::kUnknown) {
-    idle_ = false;
-    return true;
-  }
+  if (inbound == Inbound::kUnknown) return true;
   const bool subscription = serveSubscription();
   idle_ = inbound == Inbound::kNothing && !subscription;
   return true;

@@ -65,8 +65,9 @@ class MessageBrokerImpl {
   LastValueCache cache_;
   std::string key_;  // of the message in hand; kept for its memory
   int passesSincePoll_ = 0;
-  bool idle_ = true;            // the last pass found nothing to read
-  bool stopSignalUsed_ = true;  // since the poll found that there is none
+  bool idle_ = true;  // the last pass found nothing to read
+  // A signal may be there that will not wake the poll: ask before sleeping.
+  bool stopSignalMayBeUnread_ = true;
 
   Mutex threadMutex_;  // orders start() and stop(); taken before the observers' lock
   std::thread thread_ TESSEL_GUARDED_BY(threadMutex_);  // joinable until a stop() has joined it

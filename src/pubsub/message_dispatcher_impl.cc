@@ -108,7 +108,8 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
 
 void MessageDispatcherImpl::run() {
   threadId_ = std::this_thread::get_id();
-  wakeupUsed_ = true;  // perhaps, by the last stop()
+  // The last run may have seen the signal of its stop() and left it unread.
+  wakeupMayBeUnread_ = true;
   connectAgain();
   updates_.resubscribeAll();
   cache_.resubscribeAll();
@@ -126,12 +127,12 @@ bool MessageDispatcherImpl::serveOnce() {
   bool woken = false;
   if (idle_) {  // only when nothing waits: a poll costs several system calls
     deliveries_.callWorkers(*deliveryQueue_);
-    if (wakeupUsed_) {
+    if (wakeupMayBeUnread_) {
       poll_.wait();
     } else {
       poll_.waitFoundEmpty();
     }
-    wakeupUsed_ = false;
+    wakeupMayBeUnread_ = false;
     woken = poll_.readable(kWakeItem);  // also before the thread that signals could say so
   }
   if (stopRequested_) return false;
@@ -139,6 +140,7 @@ bool MessageDispatcherImpl::serveOnce() {
     applyRegistrations();
     connectAgain();
   }
+  idle_ = false;  // until both sockets were looked at
   const bool update = serveMessage(updates_);
   if (stopRequested_) return false;
   const bool cached = serveMessage(cache_);
@@ -155,7 +157,7 @@ void MessageDispatcherImpl::connectAgain() {
 
 void MessageDispatcherImpl::applyRegistrations() {
   wakeup_.consume();
-  wakeupUsed_ = true;
+  wakeupMayBeUnread_ = true;
   Subscriptions registrations;
   Subscriptions unregistrations;
   {
@@ -191,9 +193,10 @@ void MessageDispatcherImpl::dispatch(SubscriptionTable& table) {
   deliveries_.clear();
   const auto add = [&](const std::shared_ptr<SubscriptionBase>& subscription) {
     if (received_.replayed() && subscription->delivered()) return true;
-    // Whether a subscriber has gone is the worker's to see, who counts himself in as its owner: to
-    // look from here as well takes that count away from his processor, for every callback. But who
-    // has gone keeps his place until the next sweep, and needs no worker where there is none.
+    // The worker skips a subscriber that has gone; to look here as well would move its count
+    // between processors for each callback. Two cases must look: a Once entry that has gone is left
+    // to the sweep, not used up by this value; and without workers a callback for nobody would
+    // block the next value for ever.
     const bool once = subscription->mode() == SubscriptionMode::Once;
     if ((once || workerCount_ == 0) && subscription->isExpired()) return true;
     subscription->setDelivered();

@@ -71,7 +71,8 @@ class MessageDispatcherImpl {
   ReceivedNotification received_;  // the message in hand; kept for the memory of its key
   Deliveries deliveries_;          // of the last one dispatched; outlives the queue that runs them
   bool idle_ = true;               // the last pass found nothing to read
-  bool wakeupUsed_ = true;         // since the poll found that there is none
+  // A signal may be there that will not wake the poll: ask before sleeping.
+  bool wakeupMayBeUnread_ = true;
 
   // Made before the thread starts and destroyed after it was joined, so it needs no lock.
   std::unique_ptr<WorkQueue> deliveryQueue_;
