@@ -40,7 +40,7 @@ class MessageReply : public MessageBase {
   MessageReply(MessageRequest& request, std::int32_t status, std::string message);
 
   std::int32_t status() const { return status_; }
-  /// These are in frames: they go when the message is sent.
+  /// Read from the frames, which sending empties: ask before.
   std::vector<std::uint8_t> reserved() const { return reservedFrame_.toBytes(); }
   const void* payload() const { return payloadFrame_.data(); }
   std::size_t payloadSize() const { return payloadFrame_.size(); }

@@ -24,7 +24,7 @@ class MessageRequest : public MessageBase {
   const std::string& serviceName() const { return serviceName_; }
   const std::string& instanceName() const { return instanceName_; }
   const std::string& methodName() const { return methodName_; }
-  /// These are in frames: they go when the message is sent.
+  /// Read from the frames, which sending empties: ask before.
   const ZmqFrame& reservedFrame() const { return reservedFrame_; }
   std::vector<std::uint8_t> reserved() const { return reservedFrame_.toBytes(); }
   const void* payload() const { return payloadFrame_.data(); }

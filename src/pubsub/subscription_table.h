@@ -41,7 +41,7 @@ class SubscriptionTable {
   /// Subscribes and stores; one subscriber may have several entries.
   void add(Entry entry);
 
-  // What the following remove is released with what they return.
+  // Each of these hands over what it removed; the caller decides when that is released.
 
   /// Removes and unsubscribes the first entry of the same key and subscriber, if there is one.
   Group removeOne(const SubscriptionBase& like);
@@ -119,7 +119,8 @@ SubscriptionTable::Group SubscriptionTable::visitMatches(const std::string& key,
     unsubscribe(*entry);
     return true;
   };
-  // What is found by less than its whole text is compared.
+  // Prefixes with a NUL byte are found by the text up to it, so their length is still to be
+  // checked.
   const auto visitPrefixAndDrop = [&](const Entry& entry) {
     return entry->isFor(key) && visitAndDrop(entry);
   };
