@@ -24,7 +24,10 @@ class SubscriptionBase {
   SubscriptionBase& operator=(const SubscriptionBase&) = delete;
 
   /// Whether both are registrations of one subscriber that is still alive.
-  virtual bool isSameSubscriber(const SubscriptionBase& other) const = 0;
+  bool isSameSubscriber(const SubscriptionBase& other) const {
+    return identity_ == other.identity_ && isPrefix_ == other.isPrefix_ && !isExpired() &&
+           !other.isExpired();
+  }
   /// Call the subscriber, or do nothing when it has gone.
   virtual void deliverValue(const std::string& key, const void* data, std::size_t size) const = 0;
   virtual void deliverDeletion(const std::string& key) const = 0;
@@ -47,13 +50,17 @@ class SubscriptionBase {
   void setPlace(std::size_t place) { place_ = place; }
 
  protected:
-  SubscriptionBase(SubscriptionMode mode, const std::string& key, bool isPrefix)
-      : mode_(mode),
+  SubscriptionBase(const void* identity, SubscriptionMode mode, const std::string& key,
+                   bool isPrefix)
+      : identity_(identity),
+        mode_(mode),
         key_(key),
         isPrefix_(isPrefix),
         delivered_(mode == SubscriptionMode::NewValues) {}
 
  private:
+  // The address of the subscriber, which is unique among the living of its kind; it owns nothing.
+  const void* const identity_;
   const SubscriptionMode mode_;
   const std::string key_;
   const bool isPrefix_;
@@ -81,15 +88,10 @@ class Subscription : public SubscriptionBase {
   static constexpr bool kIsPrefix = std::is_same_v<T, MultiSubscriber>;
 
   explicit Subscription(const std::shared_ptr<T>& subscriber)
-      : SubscriptionBase(Impl::of(*subscriber).mode(), Impl::of(*subscriber).key(), kIsPrefix),
-        subscriber_(subscriber),
-        identity_(subscriber.get()) {}
+      : SubscriptionBase(subscriber.get(), Impl::of(*subscriber).mode(),
+                         Impl::of(*subscriber).key(), kIsPrefix),
+        subscriber_(subscriber) {}
 
-  // By address, which is unique among the living, and without owning: see above.
-  bool isSameSubscriber(const SubscriptionBase& other) const override {
-    const auto* same = dynamic_cast<const Subscription<T>*>(&other);
-    return same != nullptr && identity_ == same->identity_ && !isExpired() && !same->isExpired();
-  }
   void deliverValue(const std::string& key, const void* data, std::size_t size) const override {
     if (const std::shared_ptr<T> alive = subscriber_.lock()) {
       Impl::deliverValue(*alive, key, data, size);
@@ -102,7 +104,6 @@ class Subscription : public SubscriptionBase {
 
  private:
   const std::weak_ptr<T> subscriber_;
-  const T* const identity_;
 };
 
 }  // namespace tessel

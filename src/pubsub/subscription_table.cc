@@ -45,7 +45,7 @@ void SubscriptionTable::add(Entry entry) {
 SubscriptionTable::Group SubscriptionTable::removeOne(const SubscriptionBase& like) {
   Group removed;
   const auto isIt = [&](const Entry& entry) {
-    if (!removed.empty() || entry->key() != like.key() || !entry->isSameSubscriber(like)) {
+    if (!removed.empty() || !entry->isSameSubscriber(like) || entry->key() != like.key()) {
       return false;
     }
     unsubscribe(*entry);
