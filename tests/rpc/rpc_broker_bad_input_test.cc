@@ -114,26 +114,6 @@ TEST(RpcBrokerBadInput, ASlaveDropsWhatItCannotReadAndServesTheNext) {
   }
 }
 
-// A slave served by hand, with a raw master and a raw registrar.
-struct HandServedSlave {
-  HandServedSlave() {
-    // The number that the next broker takes follows that of this one.
-    const RpcBrokerImpl probe(true, {}, anyDispatcher());
-    const int number = std::stoi(probe.clientEndpoint().substr(22)) + 1;
-    master.bind(endpoint);
-    broker = std::make_unique<RpcBrokerImpl>(false, Lines{endpoint}, anyDispatcher());
-    registrar.connect("inproc://rpc_broker_internal_" + std::to_string(number));
-    registrar.send(enveloped({}, registrationFrames(true, "s", "i")));
-    broker->serveOnce();
-    identity = master.receive().front();
-  }
-  const std::string endpoint = uniqueInproc();
-  RawPeer master{ZMQ_ROUTER};
-  RawPeer registrar{ZMQ_PUSH};
-  std::unique_ptr<RpcBrokerImpl> broker;
-  std::string identity;
-};
-
 TEST(RpcBrokerBadInput, ASlaveDropsRegistrationsThatItCannotRead) {
   HandServedSlave at;
   std::vector<Frames> all = badHeaders();

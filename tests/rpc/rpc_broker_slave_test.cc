@@ -11,6 +11,7 @@
 
 #include "rpc/rpc_broker_impl.h"
 #include "support/endpoints.h"
+#include "support/hand_served_rpc_broker.h"
 #include "support/no_hang.h"
 #include "support/rpc_peers.h"
 #include "support/socket_budget.h"
@@ -418,6 +419,22 @@ TEST_F(RpcBrokerPair, FailuresOfASlavesServiceReachTheClientAsTheyAre) {
   }
   // What passes through the master is the slave's to tell.
   EXPECT_EQ(observer->journal.size(), 2U);
+}
+
+// Requests that follow each other are served without a look at who is readable, and what was seen
+// before the first of them says nothing of a registration that comes meanwhile.
+TEST(RpcBrokerSlaveServedByHand, AnnouncesWhatIsRegisteredWhileRequestsKeepComing) {
+  HandServedSlave at;
+  at.broker->serveOnce();  // finds nothing, so the next waits
+  for (const char* instance : {"1", "2"}) at.master.send(at.atMaster(ask("none", instance)));
+  at.broker->serveOnce();
+  at.registrar.send(enveloped({}, registrationFrames(true, "new", "i")));
+  at.broker->serveOnce();
+  for (const char* instance : {"1", "2"}) {
+    EXPECT_EQ(at.master.receive(),
+              at.atMaster(answer(2, std::string("service not found: none - ") + instance)));
+  }
+  EXPECT_EQ(at.master.receive(), at.atMaster(enveloped({}, registrationFrames(true, "new", "i"))));
 }
 
 }  // namespace

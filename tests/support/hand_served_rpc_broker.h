@@ -5,6 +5,7 @@
 
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "rpc/rpc_broker_impl.h"
 #include "support/endpoints.h"
@@ -77,6 +78,35 @@ class HandServedMaster {
   RpcBrokerImpl broker{true, {endpoint}, dispatcher};
   const std::shared_ptr<RecordingRpcObserver> observer = std::make_shared<RecordingRpcObserver>();
   NamedDealer client{"client", endpoint};
+};
+
+/// A slave that the test serves by hand, with a raw master and a raw registrar. It has offered one
+/// service, which it does not have.
+struct HandServedSlave {
+  HandServedSlave() {
+    // The number that the next broker takes follows that of this one.
+    const RpcBrokerImpl probe(true, {}, anyDispatcher());
+    const int number = std::stoi(probe.clientEndpoint().substr(22)) + 1;
+    master.bind(endpoint);
+    broker =
+        std::make_unique<RpcBrokerImpl>(false, std::vector<std::string>{endpoint}, anyDispatcher());
+    registrar.connect("inproc://rpc_broker_internal_" + std::to_string(number));
+    registrar.send(enveloped({}, registrationFrames(true, "s", "i")));
+    broker->serveOnce();
+    identity = master.receive().front();
+  }
+  /// What a peer says or hears, as it stands at the master.
+  Frames atMaster(const Frames& frames) const {
+    Frames named = frames;
+    named.insert(named.begin(), identity);
+    return named;
+  }
+
+  const std::string endpoint = uniqueInproc();
+  RawPeer master{ZMQ_ROUTER};
+  RawPeer registrar{ZMQ_PUSH};
+  std::unique_ptr<RpcBrokerImpl> broker;
+  std::string identity;
 };
 
 }  // namespace tessel::test
