@@ -258,7 +258,7 @@ void RpcBrokerImpl::wakeThread() {
 
 void RpcBrokerImpl::run(const ServiceKeys& announced) {
   threadId_ = std::this_thread::get_id();
-  lastPass_ = Pass::kNone;
+  lastPass_ = Pass::kUnknown;
   if (!master_) announce(announced, Announce::kOffer);
   while (serveOnce()) {
   }
@@ -307,16 +307,18 @@ bool RpcBrokerImpl::serveOnce() {
   const bool waits = lastPass_ != Pass::kServed;
   if (waits) waitForMasterOrChanges();  // only when nothing is there
   if (stopRequested_) return false;
+  lastPass_ = Pass::kServed;  // until both sockets were looked at
   const bool main = serveMain(ZMQ_DONTWAIT);
+  // The poll has just said whether there is something; only a pass that did not poll has to try.
   const bool internal = (!waits || poll_.readable(kInternalItem)) && serveInternal();
-  lastPass_ = main || internal ? Pass::kServed : Pass::kFoundNothing;
+  if (!main && !internal) lastPass_ = Pass::kFoundNothing;
   return true;
 }
 
 void RpcBrokerImpl::waitForMasterOrChanges() {
   // Made anew by sending, when its master was of this process and has gone.
   poll_.replace(kMainItem, mainSocket_.handle());
-  if (lastPass_ == Pass::kNone) {
+  if (lastPass_ == Pass::kUnknown) {
     poll_.wait();
   } else {
     poll_.waitFoundEmpty();

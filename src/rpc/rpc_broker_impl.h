@@ -81,7 +81,8 @@ class RpcBrokerImpl {
   using Services = std::map<ServiceKey, std::shared_ptr<Service>, ServiceKeyLess>;
   enum class Announce { kOffer, kWithdraw };
   using Change = std::pair<Announce, ServiceKey>;
-  enum class Pass { kNone, kServed, kFoundNothing };
+  // Unknown: no pass in this run yet, so ask before sleeping.
+  enum class Pass { kUnknown, kServed, kFoundNothing };
   // What becomes of a start() or stop(): it goes ahead, with the lock held; or it does not, since
   // the broker's own thread makes it, or one that may be waited for by whoever holds the lock.
   enum class Entry { kEntered, kOnOwnThread, kWaitedFor };
@@ -106,7 +107,7 @@ class RpcBrokerImpl {
   void wakeThread() TESSEL_REQUIRES(lifecycleMutex_);
 
   const bool master_;
-  Pass lastPass_ = Pass::kNone;  // the broker thread's own, of a slave
+  Pass lastPass_ = Pass::kUnknown;  // the broker thread's own, of a slave
   BrokerNumber number_{BrokerKind::kRpc};
   const std::string routerEndpoint_;
   const std::string internalEndpoint_;

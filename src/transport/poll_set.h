@@ -20,10 +20,12 @@ class PollSet {
   /// Throws std::runtime_error with ZeroMQ's text when the poll fails.
   void wait();
   /// The same for a caller who knows that all are empty: by a receive that has just found nothing,
-  /// or from the last wait, if the socket was not used meanwhile. Does not ask them once more
-  /// before it sleeps, which takes two system calls for each.
+  /// or from the last wait, if the socket was not used meanwhile. If one is not empty, this may
+  /// sleep for ever: what was there before does not wake it. A socket that is never readable, such
+  /// as a PUB, counts as empty. Does not ask them once more before it sleeps, which takes two
+  /// system calls for each.
   void waitFoundEmpty();
-  /// What the last wait() found.
+  /// What the last wait() or waitFoundEmpty() found.
   bool readable(std::size_t index) const { return readable_[index]; }
 
  private:
