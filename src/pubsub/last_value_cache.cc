@@ -84,7 +84,7 @@ const KeptValue* LastValueCache::find(std::string_view key) const {
 bool LastValueCache::erase(std::string_view key) {
   Link& kept = linkTo(hashOf(key), key);
   if (kept == nullptr) return false;
-  kept = std::move(kept->next_);
+  dropFirst(kept);
   --size_;
   return true;
 }
@@ -93,7 +93,7 @@ bool LastValueCache::erase(std::string_view key) {
 // would otherwise go within each other's destructors. Succeeds without memory, too.
 void LastValueCache::clear() noexcept {
   for (Link& first : buckets_) {
-    while (first != nullptr) first = std::move(first->next_);
+    while (first != nullptr) dropFirst(first);
   }
   size_ = 0;
   buckets_.resize(kInitialBuckets);
@@ -108,6 +108,12 @@ void LastValueCache::putFirst(Link kept, std::vector<Link>& buckets) {
   Link& first = bucketOf(kept->hash_, buckets);
   kept->next_ = std::move(first);
   first = std::move(kept);
+}
+
+// The rest comes out first: nothing may be moved from what is released meanwhile.
+void LastValueCache::dropFirst(Link& first) noexcept {
+  Link rest = std::move(first->next_);
+  first = std::move(rest);
 }
 
 KeptValue::Link& LastValueCache::linkTo(std::uint32_t hash, std::string_view key) {

@@ -103,6 +103,7 @@ class LastValueCache {
 
   static Link& bucketOf(std::uint32_t hash, std::vector<Link>& buckets);
   static void putFirst(Link kept, std::vector<Link>& buckets);
+  static void dropFirst(Link& first) noexcept;
   /// What owns the value of the key; where there is none, the null at the end of its bucket.
   Link& linkTo(std::uint32_t hash, std::string_view key);
   void insert(Link kept);
