@@ -3,7 +3,13 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <cstdint>
+#include <functional>
+#include <memory>
 #include <string>
+#include <string_view>
+#include <vector>
 
 #include "pubsub/last_value_cache.h"
 #include "support/failing_allocations.h"
@@ -119,6 +125,52 @@ TEST(LastValueCacheMemory, IsNotNeededToClear) {
   EXPECT_EQ(cache.size(), 0U);
   EXPECT_EQ(cache.find("1"), nullptr);
   EXPECT_TRUE(store(cache, "1", "value"));
+}
+
+// Also that of the table, which was wide.
+TEST(LastValueCacheMemory, IsAsMuchAfterAClearAsAtFirst) {
+  const long before = bytesOut;
+  LastValueCache cache;
+  const long atFirst = bytesOut - before;
+  for (int i = 0; i < 1000; ++i) store(cache, std::to_string(i), "value");
+  EXPECT_GT(bytesOut - before, 1000 * static_cast<long>(sizeof(void*)));
+  cache.clear();
+  EXPECT_LT(bytesOut - before, 2 * atFirst);
+}
+
+/// Keys of one bucket, while there are no more than `buckets` of them, a power of two.
+std::vector<std::string> keysOfOneBucket(std::size_t buckets) {
+  std::vector<std::string> keys;
+  for (int i = 0; keys.size() < buckets; ++i) {
+    std::string key = std::to_string(i);
+    if (std::hash<std::string_view>()(key) % buckets == 0) keys.push_back(std::move(key));
+  }
+  return keys;
+}
+
+// Within each other's destructors they would go at ever lower places of the stack, each by a call
+// at least, which takes 16 bytes.
+TEST(LastValueCacheMemory, IsGivenBackOneAfterTheOtherWithinABucket) {
+  const std::vector<std::string> keys = keysOfOneBucket(512);
+  auto cache = std::make_unique<LastValueCache>();
+  for (const bool clears : {true, false}) {
+    for (const std::string& key : keys) store(*cache, key, "value");
+    std::vector<std::string_view> inOrder;
+    cache->forEachKey([&](std::string_view key) { inOrder.push_back(key); });
+    ASSERT_EQ(inOrder.size(), keys.size());
+    // In one bucket the newest come first, since the table has grown.
+    EXPECT_TRUE(std::equal(keys.rbegin(), keys.rbegin() + 256, inOrder.begin()));
+    const long out = allocationsOut;
+    givenBackFrom = StackRange();
+    if (clears) {
+      cache->clear();
+    } else {
+      cache.reset();
+    }
+    const std::uintptr_t stack = givenBackFrom.size();
+    EXPECT_LE(allocationsOut, out - static_cast<long>(keys.size()));
+    EXPECT_LT(stack, 16 * keys.size() / 2);
+  }
 }
 
 }  // namespace

@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <random>
 #include <string>
 #include <string_view>
+#include <unordered_map>
+#include <utility>
 #include <vector>
 
 namespace tessel {
@@ -128,6 +131,41 @@ TEST(LastValueCache, TellsKeysApartByAllTheirBytes) {
   EXPECT_EQ(kept(cache, "a:b"), "short");
   EXPECT_EQ(kept(cache, std::string("a:b\0", 4)), "long");
   EXPECT_EQ(kept(cache, "a:"), "(absent)");
+}
+
+/// Two keys that only their bytes tell apart: as much of their hashes as the cache uses is equal.
+std::pair<std::string, std::string> keysOfEqualHash() {
+  std::unordered_map<std::uint32_t, std::string> keyOf;
+  for (int i = 0; i < 1000000; ++i) {
+    const std::string key = std::to_string(i);
+    const auto hash = static_cast<std::uint32_t>(std::hash<std::string_view>()(key));
+    const auto entry = keyOf.emplace(hash, key);
+    if (!entry.second) return {entry.first->second, key};
+  }
+  return {};
+}
+
+TEST(LastValueCache, TellsKeysOfEqualHashApart) {
+  const auto [one, other] = keysOfEqualHash();
+  ASSERT_NE(one, other);
+  for (const auto& [first, second] : {std::pair(one, other), std::pair(other, one)}) {
+    LastValueCache cache;
+    EXPECT_TRUE(store(cache, first, "1"));
+    EXPECT_EQ(kept(cache, second), "(absent)");
+    EXPECT_FALSE(cache.erase(second));
+    EXPECT_TRUE(store(cache, second, "1"));  // no repeat
+    EXPECT_THAT(keys(cache), UnorderedElementsAre(first, second));
+    EXPECT_TRUE(store(cache, first, "a longer value"));
+    EXPECT_TRUE(store(cache, second, "2"));
+    EXPECT_EQ(kept(cache, first), "a longer value");
+    EXPECT_EQ(kept(cache, second), "2");
+    EXPECT_TRUE(cache.erase(first));
+    EXPECT_EQ(kept(cache, first), "(absent)");
+    EXPECT_EQ(kept(cache, second), "2");
+    EXPECT_FALSE(cache.erase(first));
+    EXPECT_TRUE(cache.erase(second));
+    EXPECT_EQ(cache.size(), 0U);
+  }
 }
 
 TEST(LastValueCache, ErasesOneKeyAndSaysWhetherItWasThere) {
