@@ -202,6 +202,62 @@ TEST(RpcBrokerLife, NothingThatWaitsIsServedOnceItStops) {
   EXPECT_TRUE(eventually([&] { return dispatcher->size() == 2; }));
 }
 
+/// Whatever has happened before: all threads but this one are the library's, ZeroMQ's and a
+/// watchdog.
+void expectAllOthersSleep() {
+  for (const int thread : threadNumbers()) {
+    EXPECT_TRUE(thread == thisThread() || waitUntilAsleep(thread) ||
+                threadNumbers().count(thread) == 0);  // one that was joined may count for a moment
+  }
+}
+
+TEST(RpcBrokerLife, SleepsWhileNothingHappens) {
+  const Watchdog watchdog("sleeping");
+  const std::string endpoint = uniqueInproc();
+  const auto master = makeMaster({endpoint});
+  const auto slave = makeSlave(endpoint);
+  master->registerService(makeEcho("near", "i"));
+  slave->registerService(makeEcho("far", "i"));
+  RpcClient client(endpoint, kLong);
+  for (int round = 0; round < 2; ++round) {
+    master->start();
+    slave->start();
+    EXPECT_EQ(call(client, "near", "i"), "near/i/m/");
+    EXPECT_TRUE(eventually([&] { return outcome(client, "far", "i") == "far/i/m/"; }));
+    expectAllOthersSleep();
+    slave->stop();
+    master->stop();
+  }
+}
+
+// A stop whose thread has already ended leaves its wake-up to the next start.
+TEST(RpcBrokerLife, SleepsWithAWakeUpLeftBehind) {
+  const Watchdog watchdog("sleeping after a late stop");
+  for (const bool master : {true, false}) {
+    RawMaster raw;
+    const std::string endpoint = master ? uniqueInproc() : raw.endpoint;
+    const auto dispatcher = std::make_shared<StoppingDispatcher>();
+    RpcBroker broker(master, {endpoint}, dispatcher);
+    dispatcher->broker = &broker;
+    broker.registerService(makeEcho("s", "i"));
+    broker.start();
+    const int threads = threadCount();
+    RawPeer client(ZMQ_DEALER);
+    if (master) client.connect(endpoint);
+    Frames asked = request("s", "i");
+    if (!master) asked.insert(asked.begin(), {raw.next().identity, "client"});
+    RawPeer& peer = master ? client : raw.router;
+    peer.send(asked);
+    ASSERT_TRUE(eventually([&] { return dispatcher->refusals == 1; }));
+    ASSERT_TRUE(eventually([&] { return threadCount() == threads - 1; }));
+    broker.stop();
+    broker.start();
+    peer.send(asked);
+    EXPECT_TRUE(eventually([&] { return dispatcher->size() == 2; }));
+    expectAllOthersSleep();
+  }
+}
+
 // Runs at its stop what it was given.
 class LateDispatcher : public KeepingDispatcher {
  public:
