@@ -14,11 +14,18 @@ namespace {
 
 struct Socket {
   int type;
+  int receiveTimeout = -1;  // as of a real one: for ever
 };
 
 bool readable(void* socket) {
   return socket != nullptr && wire().pending() &&
          static_cast<Socket*>(socket)->type == wire().socketType;
+}
+
+// Nothing will come any more.
+[[noreturn]] void endInsteadOfWaiting() {
+  std::fputs("waits for ever\n", stderr);
+  std::abort();
 }
 
 }  // namespace
@@ -30,6 +37,7 @@ Wire& wire() {
 
 }  // namespace tessel::fuzz
 
+using tessel::fuzz::endInsteadOfWaiting;
 using tessel::fuzz::readable;
 using tessel::fuzz::Socket;
 using tessel::fuzz::wire;
@@ -44,7 +52,10 @@ int zmq_close(void* socket) {
   return 0;
 }
 
-int zmq_setsockopt(void* /*socket*/, int /*option*/, const void* /*value*/, size_t /*size*/) {
+int zmq_setsockopt(void* socket, int option, const void* value, size_t /*size*/) {
+  if (option == ZMQ_RCVTIMEO) {
+    static_cast<Socket*>(socket)->receiveTimeout = *static_cast<const int*>(value);
+  }
   return 0;
 }
 int zmq_getsockopt(void* socket, int option, void* value, size_t* size) {
@@ -65,15 +76,14 @@ int zmq_poll(zmq_pollitem_t* items, int count, long timeout) {
     items[i].revents = is ? items[i].events : short{0};
     if (is) ++ready;
   }
-  if (ready == 0 && timeout < 0) {
-    std::fputs("waits for ever\n", stderr);
-    std::abort();
-  }
+  if (ready == 0 && timeout < 0) endInsteadOfWaiting();
   return ready;
 }
 
-int zmq_msg_recv(zmq_msg_t* message, void* socket, int /*flags*/) {
+int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
   if (!readable(socket)) {
+    const bool waits = (flags & ZMQ_DONTWAIT) == 0;
+    if (waits && static_cast<Socket*>(socket)->receiveTimeout < 0) endInsteadOfWaiting();
     errno = EAGAIN;
     return -1;
   }
