@@ -1,56 +1,61 @@
 #include "transport/seeded_rand.h"
 
+#include <chrono>
 #include <cstdlib>
+#include <exception>
 #include <random>
 
-#if defined(_WIN32)
-#include <cerrno>
-#include <thread>
-#elif defined(__GLIBC__)
+#if defined(__GLIBC__)
 #include "transport/mutex.h"
 #endif
 
 namespace tessel {
-
-#if defined(_WIN32)
-
-// There rand() is a matter of each thread.
-void withSeededRand(const std::function<void()>& call) {
-  int error = 0;
-  std::thread thread([&] {
-    std::srand(std::random_device()());
-    call();
-    error = errno;
-  });
-  thread.join();
-  errno = error;
-}
-
-#elif defined(__GLIBC__)
-
 namespace {
 
-// The C library keeps the address of a state that is replaced, so two threads must not do so at
-// once.
+unsigned anySeed() noexcept {
+  try {
+    return std::random_device()();
+  } catch (const std::exception&) {  // it may want a descriptor
+    return static_cast<unsigned>(std::chrono::system_clock::now().time_since_epoch().count());
+  }
+}
+
+#if defined(__GLIBC__)
+
+// Threads one after the other, since the C library goes by the address of a state.
 Mutex stateMutex;
-char state[128] TESSEL_GUARDED_BY(stateMutex);
+alignas(long) char state[128] TESSEL_GUARDED_BY(stateMutex);
+
+// While it exists, rand() has a state of its own.
+class ReplacedState {
+ public:
+  explicit ReplacedState(unsigned seed) TESSEL_REQUIRES(stateMutex)
+      : applications_(initstate(seed, state, sizeof state)) {}
+  ~ReplacedState() { setstate(applications_); }
+  ReplacedState(const ReplacedState&) = delete;
+  ReplacedState& operator=(const ReplacedState&) = delete;
+
+ private:
+  char* const applications_;
+};
+
+#endif
 
 }  // namespace
 
+#if defined(__GLIBC__)
+
 void withSeededRand(const std::function<void()>& call) {
-  const unsigned seed = std::random_device()();
+  const unsigned seed = anySeed();
   const Lock lock(stateMutex);
-  char* const replaced = initstate(seed, state, sizeof state);
+  const ReplacedState replaced(seed);
   call();
-  setstate(replaced);
 }
 
 #else
 
-// There the state cannot be put back. A sequence that the application began with a seed of its own
-// goes on differently.
 void withSeededRand(const std::function<void()>& call) {
-  std::srand(std::random_device()());
+  std::srand(anySeed());
   call();
 }
 

@@ -50,7 +50,8 @@ ZmqSocket::~ZmqSocket() { close(); }
 void ZmqSocket::create() {
   close();
   receivingMore_ = false;
-  const auto make = [this] { handle_ = zmq_socket(ZmqContext::handle(), type_); };
+  void* const context = ZmqContext::handle();
+  const auto make = [&] { handle_ = zmq_socket(context, type_); };
   lastClose.insist(EMFILE, kSocketPatience, [&] {
     if (type_ == ZMQ_ROUTER) {
       withSeededRand(make);

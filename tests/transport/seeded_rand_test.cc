@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <cstdlib>
 #include <deque>
+#include <new>
 #include <set>
 #include <string>
 #include <vector>
@@ -54,6 +55,24 @@ TEST(SeededRand, GivesTheApplicationItsSequenceBack) {
   withSeededRand([] { numbers(5); });
   for (const int number : numbers(5)) found.push_back(number);
   EXPECT_EQ(found, expected);
+}
+
+TEST(SeededRand, GivesItBackAfterAnException) {
+  std::srand(kApplicationsSeed);
+  const std::vector<int> expected = numbers(4);
+  std::srand(kApplicationsSeed);
+  EXPECT_THROW(withSeededRand([] { throw std::bad_alloc(); }), std::bad_alloc);
+  EXPECT_EQ(numbers(4), expected);
+}
+
+TEST(SeededRand, GivesItBackWhenASocketIsMade) {
+  std::srand(kApplicationsSeed);
+  const std::vector<int> expected = numbers(8);
+  for (const int type : {ZMQ_ROUTER, ZMQ_DEALER, ZMQ_PAIR}) {
+    std::srand(kApplicationsSeed);
+    const ZmqSocket socket(type);
+    EXPECT_EQ(numbers(8), expected) << type;
+  }
 }
 
 TEST(SeededRand, GivesItBackToThreadsAtOnce) {
