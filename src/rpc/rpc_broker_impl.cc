@@ -296,22 +296,36 @@ void RpcBrokerImpl::announce(const ServiceKeys& services, Announce what) {
   }
 }
 
-// A master has only one socket to wait for, and waits in its receive: that takes two system calls,
-// a poll before it five. What that receive has taken is served, since it came before the wake-up.
 bool RpcBrokerImpl::serveOnce() {
   if (stopRequested_) return false;
-  if (master_) {
-    serveMain(0);
-    return true;
-  }
+  if (master_) return serveNext();
   const bool waits = lastPass_ != Pass::kServed;
   if (waits) waitForMasterOrChanges();  // only when nothing is there
   if (stopRequested_) return false;
   lastPass_ = Pass::kServed;  // until both sockets were looked at
-  const bool main = serveMain(ZMQ_DONTWAIT);
+  const bool main = serveMain();
   // The poll has just said whether there is something; only a pass that did not poll has to try.
   const bool internal = (!waits || poll_.readable(kInternalItem)) && serveInternal();
   if (!main && !internal) lastPass_ = Pass::kFoundNothing;
+  return true;
+}
+
+// A master has only one socket to wait for, and waits in its receive: that takes two system calls,
+// a poll before it five. A message may come together with the stop, and then waits for the next
+// start: its header here, the rest in the socket.
+bool RpcBrokerImpl::serveNext() {
+  MessageHeader header;
+  if (waiting_.has_value()) {
+    header = std::move(*waiting_);
+    waiting_.reset();
+  } else if (readMessageHeader(mainSocket_, header) != HeaderRead::kRead) {
+    return true;
+  }
+  if (stopRequested_) {
+    waiting_ = std::move(header);
+    return false;
+  }
+  serve(std::move(header));
   return true;
 }
 
@@ -325,9 +339,9 @@ void RpcBrokerImpl::waitForMasterOrChanges() {
   }
 }
 
-bool RpcBrokerImpl::serveMain(int flags) {
+bool RpcBrokerImpl::serveMain() {
   MessageHeader header;
-  switch (readMessageHeader(mainSocket_, header, flags)) {
+  switch (readMessageHeader(mainSocket_, header, ZMQ_DONTWAIT)) {
     case HeaderRead::kNothing:
       return false;
     case HeaderRead::kMalformed:
@@ -335,6 +349,11 @@ bool RpcBrokerImpl::serveMain(int flags) {
     case HeaderRead::kRead:
       break;
   }
+  serve(std::move(header));
+  return true;
+}
+
+void RpcBrokerImpl::serve(MessageHeader&& header) {
   if (header.type == kMessageRequest) {
     serveRequest(std::move(header));
   } else if (header.type == kMessageReply && master_) {
@@ -344,7 +363,6 @@ bool RpcBrokerImpl::serveMain(int flags) {
   } else {
     throwUnexpected();
   }
-  return true;
 }
 
 void RpcBrokerImpl::serveRequest(MessageHeader&& header) {

@@ -6,6 +6,7 @@
 #include <deque>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 #include <thread>
 #include <vector>
@@ -91,8 +92,10 @@ class RpcBrokerImpl {
   void waitForMasterOrChanges();
   void leave() TESSEL_EXCLUDES(registryMutex_);
   void dropQueuedRegistrations();
-  bool serveMain(int flags);
+  bool serveNext();
+  bool serveMain();
   bool serveInternal();
+  void serve(MessageHeader&& header);
   void serveRequest(MessageHeader&& header) TESSEL_EXCLUDES(registryMutex_);
   void serveReply(MessageHeader&& header);
   void serveRegistration(MessageHeader&& header);
@@ -116,6 +119,7 @@ class RpcBrokerImpl {
   ZmqSocket mainSocket_;
   ZmqSocket internalSocket_;
   std::map<ServiceKey, std::vector<std::uint8_t>, ServiceKeyLess> remoteServices_;
+  std::optional<MessageHeader> waiting_;  // of a message that a master was sent as it stopped
 
   Mutex lifecycleMutex_;  // orders start() and stop(); taken before the registry's lock
   std::thread thread_ TESSEL_GUARDED_BY(lifecycleMutex_);  // joinable until a stop() has joined it

@@ -5,16 +5,20 @@
 #include <tessel/rpc_broker.h>
 #include <zmq.h>
 
+#include <atomic>
 #include <cerrno>
 #include <csignal>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "support/deadline.h"
 #include "support/endpoints.h"
 #include "support/failing_zmq_calls.h"
 #include "support/rpc_peers.h"
+#include "support/threads.h"
+#include "support/watchdog.h"
 
 namespace tessel::test {
 namespace {
@@ -72,6 +76,41 @@ TEST(RpcFailures, SignalHandlersDoNotEndAMaster) {
   RawPeer client(ZMQ_DEALER);
   client.connect(endpoint).send(enveloped({}, requestFrames("none", "i", "m", "")));
   EXPECT_EQ(client.receive(), enveloped({}, replyFrames(2, "service not found: none - i")));
+}
+
+// The master's thread is held up in its receive, without a look at anything else, until both the
+// second request and the stop are there. It knows the client, and so takes first what came first.
+TEST(RpcFailures, WhatComesTogetherWithAStopWaitsForTheNextStart) {
+  const Watchdog watchdog("a request together with a stop");
+  const std::string endpoint = uniqueInproc();
+  const auto dispatcher = std::make_shared<KeepingDispatcher>();
+  RpcBroker broker(true, {endpoint}, dispatcher);
+  const int before = failed;
+  broker.registerService(answering("s", "i", "result"));
+  dispatcher->onSubmit = [first = true]() mutable {
+    if (std::exchange(first, false)) arm({"zmq_msg_recv", ZMQ_ROUTER, EINTR});
+  };
+  broker.start();
+  RawPeer client(ZMQ_DEALER);
+  client.connect(endpoint).send(enveloped({}, requestFrames("s", "i", "m", "first")));
+  ASSERT_TRUE(eventually([&] { return failed > before + 3; }));
+  client.send(enveloped({}, requestFrames("s", "i", "m", "second")));
+  {
+    std::atomic<int> stopping{0};
+    const ScopedThread stop([&] {
+      stopping = thisThread();
+      broker.stop();
+    });
+    EXPECT_TRUE(eventually([&] { return stopping != 0; }));
+    EXPECT_TRUE(waitUntilAsleep(stopping));  // in the join
+    armed = false;
+  }
+  EXPECT_EQ(dispatcher->size(), 1U);
+  broker.start();
+  for (int i = 0; i < 2; ++i) {
+    dispatcher->runOne();
+    EXPECT_EQ(client.receive(), enveloped({}, replyFrames(0, "result")));
+  }
 }
 
 }  // namespace
