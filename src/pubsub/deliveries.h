@@ -33,7 +33,9 @@ class Deliveries {
   /// subscription must not be destroyed before the callbacks have returned; whoever removes it from
   /// a table hands it to keep().
   void add(SubscriptionBase& subscription) {
-    subscription.setPlace(subscriptions_.size());
+    // Mostly that of the value before: a write would take the memory from the workers' processors.
+    const std::size_t place = subscriptions_.size();
+    if (subscription.place() != place) subscription.setPlace(place);
     subscriptions_.push_back(&subscription);
     unfinished_.store(subscriptions_.size(), std::memory_order_relaxed);
   }
