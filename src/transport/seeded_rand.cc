@@ -54,6 +54,8 @@ void withSeededRand(const std::function<void()>& call) {
 
 #else
 
+// On Windows a thread made for it would leave the application's sequence alone, but could not be
+// waited for where a DLL makes a broker while it is loaded.
 void withSeededRand(const std::function<void()>& call) {
   std::srand(anySeed());
   call();

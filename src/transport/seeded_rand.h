@@ -6,9 +6,9 @@
 namespace tessel {
 
 /// Runs `call` while rand() of the C library gives numbers that no other process gets, and gives
-/// the application's sequence back afterwards, where that can be done: elsewhere it goes on
-/// differently. Any thread; errno is that of `call`. What another thread gives srand() meanwhile is
-/// lost.
+/// the application's sequence back afterwards; where the C library cannot do that, the sequence
+/// goes on differently, on Windows that of the calling thread only. Any thread; errno is that of
+/// `call`. What another thread gives srand() meanwhile is lost.
 ///
 /// ZeroMQ takes from rand() where a ROUTER begins to count the identities of its peers, and seeds
 /// it nowhere, so that they are the same in every process: an answer that is late, to a caller of a
