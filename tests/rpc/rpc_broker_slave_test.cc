@@ -4,9 +4,12 @@
 #include <tessel/rpc_client.h>
 #include <tessel/rpc_error.h>
 
+#include <atomic>
+#include <chrono>
 #include <memory>
 #include <stdexcept>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "rpc/rpc_broker_impl.h"
@@ -343,6 +346,32 @@ TEST_F(RpcBrokerSlave, RegisteringNeverWaitsForTheBrokersThread) {
     gate.open();
     for (int i = 0; i < kServices; ++i) EXPECT_EQ(next(), offer("more", std::to_string(i)));
   });
+}
+
+// The withdrawals and the offers use up what tells of the request, so the thread must not go by
+// what it last found before the stop.
+TEST_F(RpcBrokerSlave, AnswersWhatCameWhileItWasStopped) {
+  // In the process, where what is sent has arrived.
+  const std::string endpoint = uniqueInproc();
+  master.bind(endpoint);
+  slave = std::make_unique<RpcBroker>(false, Lines{endpoint}, anyDispatcher());
+  std::atomic<int> thread{0};
+  const auto observer =
+      std::make_shared<RecordingRpcObserver>([&](const std::string&) { thread = thisThread(); });
+  const std::string identity = startWith(answering("s", "i", ""));
+  slave->attach(observer);
+  forward(identity, {}, requestFrames("none", "before", "m", ""));
+  EXPECT_EQ(next(), answer(2, "service not found: none - before"));
+  EXPECT_TRUE(waitUntilAsleep(thread));  // so that it has found nothing
+  slave->detach(observer);
+  slave->stop();
+  EXPECT_EQ(next(), withdrawal("s", "i"));
+  forward(identity, {}, requestFrames("none", "while stopped", "m", ""));
+  // Sending does not look at what has come when that was done within the last moment.
+  std::this_thread::sleep_for(std::chrono::milliseconds(20));
+  slave->start();
+  EXPECT_EQ(next(), offer("s", "i"));
+  EXPECT_EQ(next(), answer(2, "service not found: none - while stopped"));
 }
 
 TEST(RpcBrokerSlaveConstruction, TakesExactlyOneTransport) {
