@@ -1,8 +1,12 @@
+// In a program of its own, since it stands in for the allocation.
+
 #include "pubsub/deliveries.h"
 
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <csignal>
+#include <cstdlib>
 #include <cstring>
 #include <functional>
 #include <memory>
@@ -10,6 +14,7 @@
 #include <vector>
 
 #include "support/deadline.h"
+#include "support/failing_allocations.h"
 #include "support/subscribers.h"
 
 namespace tessel::test {
@@ -250,6 +255,44 @@ TEST_F(DeliveriesThatKeep, KeepNothingWithoutWorkers) {
   run(deliveries, queue);
   keep(deliveries);
   EXPECT_TRUE(last_.expired());
+}
+
+// However long the list is: nobody is served meanwhile.
+TEST_F(DeliveriesThatKeep, TellWhatWasNotAddedWithoutAnAllocation) {
+  constexpr int kEnough = 1000;
+  Deliveries deliveries(1);
+  WorkQueue queue(1);
+  addHeld(deliveries, 100);
+  run(deliveries, queue);
+  keep(deliveries);
+  const auto other = std::make_shared<CallingSubscriber>([] {});
+  subscriptions_ = {std::make_shared<Subscription<Subscriber>>(other)};
+  allocationsLeft = kEnough;
+  keep(deliveries);
+  EXPECT_EQ(std::exchange(allocationsLeft, -1), kEnough);
+  EXPECT_TRUE(last_.expired());
+  gate_.open();
+  EXPECT_TRUE(queue.waitIdle());
+  EXPECT_EQ(begun_, 100);
+}
+
+class DeliveriesDeathTest : public DeliveriesThatKeep {
+ protected:
+  DeliveriesDeathTest() { GTEST_FLAG_SET(death_test_style, "threadsafe"); }
+
+  void keepWithoutMemory() {
+    Deliveries deliveries(1);
+    WorkQueue queue(1);
+    addHeld(deliveries, 2);
+    run(deliveries, queue);
+    runsOutOfMemory(0, [&] { keep(deliveries); });
+    std::_Exit(0);
+  }
+};
+
+// Whoever went on would have released what a worker may be about to call.
+TEST_F(DeliveriesDeathTest, KeepingWithoutMemoryEndsTheProcess) {
+  EXPECT_EXIT(keepWithoutMemory(), ::testing::KilledBySignal(SIGABRT), "bad_alloc");
 }
 
 TEST_F(DeliveriesThatKeep, GiveBackWhatIsNotCalledAnyMore) {
