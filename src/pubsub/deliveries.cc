@@ -1,6 +1,7 @@
 #include "pubsub/deliveries.h"
 
 #include <algorithm>
+#include <exception>
 #include <iterator>
 
 namespace tessel {
@@ -75,7 +76,11 @@ void Deliveries::keep(Subscriptions&& subscriptions) noexcept {
                                           [this](const auto& one) { return !wasAdded(*one); });
   const Lock lock(keptMutex_);
   if (unfinished_ == 0) return;
-  std::move(firstToKeep, removed.end(), std::back_inserter(kept_));
+  try {
+    std::move(firstToKeep, removed.end(), std::back_inserter(kept_));
+  } catch (...) {
+    std::terminate();  // here, where `removed` still owns what may be called
+  }
 }
 
 Deliveries::Subscriptions Deliveries::takeKept() {

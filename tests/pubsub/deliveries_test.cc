@@ -285,8 +285,17 @@ class DeliveriesDeathTest : public DeliveriesThatKeep {
     WorkQueue queue(1);
     addHeld(deliveries, 2);
     run(deliveries, queue);
+    subscribers_.clear();
+    for (auto& subscription : subscriptions_) subscription = endingTheProcess(subscription);
     runsOutOfMemory(0, [&] { keep(deliveries); });
     std::_Exit(0);
+  }
+
+ private:
+  // Where it is released, which is the mistake.
+  static std::shared_ptr<SubscriptionBase> endingTheProcess(
+      const std::shared_ptr<SubscriptionBase>& subscription) {
+    return {subscription.get(), [owner = subscription](SubscriptionBase*) { std::_Exit(0); }};
   }
 };
 
