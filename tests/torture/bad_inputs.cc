@@ -227,8 +227,12 @@ void pushToBroker() {
 }
 
 // ZeroMQ's sender descends its tree of subscriptions by calls within each other, byte by byte, for
-// which the stack is too small where a sanitizer wants each call to be a call.
-constexpr std::size_t kLongSubscription = 70000 / TESSEL_TEST_SLOWNESS;
+// which the stack is too small where the sanitizer wants each call to be a call.
+#ifdef __SANITIZE_THREAD__
+constexpr std::size_t kLongSubscription = 20000;
+#else
+constexpr std::size_t kLongSubscription = 70000;
+#endif
 
 // What a subscriber may say: subscriptions, their ends, and what is neither, in one frame or many.
 std::vector<Frames> subscriberMessages() {
