@@ -20,26 +20,13 @@
 
 namespace tessel::test {
 
-/// Waits until ZeroMQ has closed what it closes in the background, in turn; other than sockets
-/// whose peers have not noticed yet. The context also opens files of its own with its first socket.
-inline void awaitClosing() {
-  void* socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR);
-  if (socket == nullptr) return;  // there are none left
-  int descriptor = -1;
-  std::size_t size = sizeof descriptor;
-  zmq_getsockopt(socket, ZMQ_FD, &descriptor, &size);
-  zmq_close(socket);
-  EXPECT_TRUE(eventually([&] { return fcntl(descriptor, F_GETFD) == -1; }));
-}
-
 /// Takes every socket that the process's context still has to give (1023 in all). They are given
 /// back when it is gone, a moment later: ZeroMQ closes in the background.
 class SocketBudget {
  public:
   SocketBudget() {
     raiseFileLimit();
-    awaitClosing();
-    // Those that waited for their peers become free a moment later.
+    // Those of before that are still being closed become free a moment later.
     auto last = std::chrono::steady_clock::now();
     while (std::chrono::steady_clock::now() - last < kQuiet) {
       if (void* socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR)) {
@@ -57,7 +44,7 @@ class SocketBudget {
   SocketBudget& operator=(const SocketBudget&) = delete;
 
  private:
-  static constexpr std::chrono::milliseconds kQuiet{100};
+  static constexpr std::chrono::milliseconds kQuiet{300};
 
   // Every socket takes a file descriptor; their limit must not come first.
   static void raiseFileLimit() {
@@ -99,6 +86,16 @@ class OpenSockets {
   }
 
  private:
+  // The context opens files of its own with its first socket, and closes in turn in the background.
+  static void awaitClosing() {
+    void* socket = zmq_socket(ZmqContext::handle(), ZMQ_PAIR);
+    int descriptor = -1;
+    std::size_t size = sizeof descriptor;
+    zmq_getsockopt(socket, ZMQ_FD, &descriptor, &size);
+    zmq_close(socket);
+    EXPECT_TRUE(eventually([&] { return fcntl(descriptor, F_GETFD) == -1; }));
+  }
+
   static std::ptrdiff_t openFiles() {
     return std::distance(std::filesystem::directory_iterator("/proc/self/fd"),
                          std::filesystem::directory_iterator());
