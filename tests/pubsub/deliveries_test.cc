@@ -285,7 +285,7 @@ class DeliveriesDeathTest : public DeliveriesThatKeep {
     WorkQueue queue(1);
     addHeld(deliveries, 2);
     run(deliveries, queue);
-    subscribers_.clear();
+    eventually([this] { return begun_ == 1; });  // so that callbacks stay under way
     for (auto& subscription : subscriptions_) subscription = endingTheProcess(subscription);
     runsOutOfMemory(0, [&] { keep(deliveries); });
     std::_Exit(0);
