@@ -42,6 +42,16 @@ class DispatcherLife : public DispatcherTest {
       EXPECT_EQ(frame.front(), '\0');
     }
   }
+  // The subscriber goes, and the dispatcher's thread, woken, finds that out.
+  void leave(std::shared_ptr<Subscriber> subscriber) {
+    subscribe(broker.cache, subscriber, "freed:default");
+    settle();
+    subscriber.reset();
+    dispatcher.registerSubscriber(another_);
+  }
+
+ private:
+  const std::shared_ptr<Subscriber> another_ = recorder(SubscriptionMode::AllValues, "another", "");
 };
 
 // Says when it may go on, too.
@@ -527,13 +537,8 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThread) {
     error = systemErrorOf([&] { dispatcher.stop(); });
     journal.add("refused");
   };
-  auto subscriber = subscriberCallingWhenFreed(stopIt);
   start();
-  subscribe(broker.cache, subscriber, "freed:default");
-  settle();
-  subscriber.reset();
-  const auto another = recorder(SubscriptionMode::AllValues, "another", "");
-  dispatcher.registerSubscriber(another);  // wakes it, and it finds the one that has gone
+  leave(subscriberCallingWhenFreed(stopIt));
   ASSERT_TRUE(journal.waitFor(1));
   EXPECT_NE(thread, std::this_thread::get_id());
   EXPECT_EQ(error, std::errc::resource_deadlock_would_occur);
@@ -567,15 +572,10 @@ TEST_F(DispatcherLife, LetsCallbacksMeetAlsoWhenItsOwnThreadEndsRightBehindTheir
     sent.pass();
     EXPECT_TRUE(wouldWaitForItself([&] { dispatcher.stop(); }));
   };
-  auto subscriber = subscriberCallingWhenFreed(stopIt);
   start();
   subscribe(broker.updates, one, "t:default");
   subscribe(broker.updates, other, "t:default");
-  subscribe(broker.cache, subscriber, "freed:default");
-  settle();
-  subscriber.reset();
-  const auto another = recorder(SubscriptionMode::AllValues, "another", "");
-  dispatcher.registerSubscriber(another);
+  leave(subscriberCallingWhenFreed(stopIt));
   ASSERT_TRUE(journal.waitFor(1));
   broker.updates.send(valueMessage("t:default", "1"));
   sent.open();
@@ -594,13 +594,8 @@ TEST_F(DispatcherLife, RefusesToBeStoppedByItsOwnThreadWhileAnotherStopsIt) {
     waitUntilAsleep(stopper);
     error = systemErrorOf([&] { dispatcher.stop(); });
   };
-  auto subscriber = subscriberCallingWhenFreed(stopIt);
   start();
-  subscribe(broker.cache, subscriber, "freed:default");
-  settle();
-  subscriber.reset();
-  const auto another = recorder(SubscriptionMode::AllValues, "another", "");
-  dispatcher.registerSubscriber(another);
+  leave(subscriberCallingWhenFreed(stopIt));
   ASSERT_TRUE(journal.waitFor(1));
   withoutHanging("stopping while the dispatcher's thread stops, too", [&] {
     stopper = thisThread();
@@ -622,12 +617,8 @@ TEST_F(DispatcherLife, StartByItsOwnThreadDoesNotWaitForAnotherThreadThatStops) 
     dispatcher.start();
     journal.add("started");
   };
-  auto subscriber = subscriberCallingWhenFreed(startIt);
   start();
-  subscribe(broker.cache, subscriber, "freed:default");
-  settle();
-  subscriber.reset();
-  dispatcher.registerSubscriber(recorder(SubscriptionMode::AllValues, "another", ""));
+  leave(subscriberCallingWhenFreed(startIt));
   ASSERT_TRUE(journal.waitFor(1));
   withoutHanging("stopping while the dispatcher's thread starts", [&] {
     stopper = thisThread();
