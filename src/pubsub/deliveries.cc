@@ -1,7 +1,6 @@
 #include "pubsub/deliveries.h"
 
 #include <algorithm>
-#include <exception>
 #include <iterator>
 
 namespace tessel {
@@ -68,19 +67,16 @@ bool Deliveries::wasAdded(const SubscriptionBase& subscription) const {
   return place < subscriptions_.size() && subscriptions_[place] == &subscription;
 }
 
-void Deliveries::keep(Subscriptions&& subscriptions) noexcept {
-  Subscriptions removed = std::move(subscriptions);
+// Moves from the caller's vector, not from one of its own: without memory, some compilers release
+// what a noexcept function owns before they end the process.
+void Deliveries::keep(Subscriptions&& removed) noexcept {
   // Nobody is called any more when all have returned, nor ever without workers.
   if (removed.empty() || workerCount_ == 0 || unfinished_ == 0) return;
   const auto firstToKeep = std::partition(removed.begin(), removed.end(),
                                           [this](const auto& one) { return !wasAdded(*one); });
   const Lock lock(keptMutex_);
   if (unfinished_ == 0) return;
-  try {
-    std::move(firstToKeep, removed.end(), std::back_inserter(kept_));
-  } catch (...) {
-    std::terminate();  // here, where `removed` still owns what may be called
-  }
+  std::move(firstToKeep, removed.end(), std::back_inserter(kept_));
 }
 
 Deliveries::Subscriptions Deliveries::takeKept() {

@@ -39,10 +39,10 @@ class Deliveries {
     subscriptions_.push_back(&subscription);
     unfinished_.store(subscriptions_.size(), std::memory_order_relaxed);
   }
-  /// Owns those of the subscriptions that were added until the callbacks of the value have
-  /// returned, and releases the others at once. Without memory for that the process ends: a
-  /// callback may be about to begin on one that would be released.
-  void keep(Subscriptions&& subscriptions) noexcept TESSEL_EXCLUDES(keptMutex_);
+  /// Takes those that were added and owns them until the callbacks of the value have returned; the
+  /// others stay the caller's to release. Without memory for that the process ends: a callback may
+  /// be about to begin on one that would be released.
+  void keep(Subscriptions&& removed) noexcept TESSEL_EXCLUDES(keptMutex_);
   /// Calls what was added with the value. Under way until the queue is idle.
   void run(ReceivedNotification&& value, WorkQueue& queue);
   /// Has every worker take part for whom there is a callback left. Before a sleep, since a callback
