@@ -106,6 +106,9 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
   cache = cache_.clear();
 }
 
+// Neither noexcept nor with a handler, here or where it is called: without memory the process ends
+// where it was asked for. Frames unwound first would release subscriptions that they have removed
+// from a table, and a worker may be about to call them.
 void MessageDispatcherImpl::run() {
   threadId_ = std::this_thread::get_id();
   // The last run may have seen the signal of its stop() and left it unread.
