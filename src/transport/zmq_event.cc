@@ -5,8 +5,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "transport/poll_set.h"
-
 namespace tessel {
 namespace {
 
@@ -18,6 +16,7 @@ ZmqEvent::ZmqEvent() : sender_(ZMQ_PAIR), receiver_(ZMQ_PAIR) {
   const std::string endpoint = "inproc://zmqevent" + std::to_string(nextEvent.fetch_add(1));
   sender_.bind(endpoint);
   receiver_.connect(endpoint);
+  receiver_.waitThroughSignals();
 }
 
 void ZmqEvent::signal() {
@@ -27,8 +26,7 @@ void ZmqEvent::signal() {
 
 void ZmqEvent::consume() {
   ZmqFrame taken;
-  // Not a receive that waits: a signal handler would end it, and the loop with it.
-  while (!receiver_.receive(taken, ZMQ_DONTWAIT)) PollSet{receiver_.handle()}.wait();
+  receiver_.receive(taken, 0);
 }
 
 }  // namespace tessel

@@ -17,7 +17,7 @@ class ZmqEvent {
   ZmqEvent();
 
   void signal();
-  /// Waits for a signal and takes it.
+  /// Waits for a signal and takes it; no signal handler ends the wait.
   void consume();
   void* pollHandle() const { return receiver_.handle(); }
   const std::string& endpoint() const { return receiver_.endpoint(); }

@@ -53,7 +53,7 @@ class ZmqSocket {
   void setReceiveTimeout(std::int64_t milliseconds);
   /// Queues what is sent without a limit, also after a reconnect. Before connect().
   void liftSendLimit();
-  /// No signal handler ends the waiting for a message any more: for the library's own threads.
+  /// No signal handler ends the waiting for a message any more: for the library's own waits.
   void waitThroughSignals() { waitsThroughSignals_ = true; }
   void setOption(int option, const void* value, std::size_t size);
   void setOption(int option, int value) { setOption(option, &value, sizeof value); }
