@@ -129,7 +129,7 @@ bool MessageBrokerImpl::serveOnce() {
     stopSignalMayBeUnread_ = false;
     if (stopRequested_ || poll_.readable(kStopItem)) return false;
   }
-  idle_ = false;  // until all sockets were looked at, which what is thrown may prevent
+  idle_ = false;  // until all sockets were looked at: not when the pass ends early
   const Inbound inbound = serveInbound();
   if (inbound == Inbound::kUnknown) return true;
   const bool subscription = serveSubscription();
