@@ -12,9 +12,6 @@ namespace tessel {
 /// that waits, and its value besides if that is longer than 33 bytes.
 constexpr int kReplayHighWaterMark = 1000000;
 
-/// For directions in which no value travels, only subscriptions.
-constexpr int kNoHighWaterMark = 0;
-
 }  // namespace tessel
 
 #endif

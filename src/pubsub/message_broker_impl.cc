@@ -4,7 +4,6 @@
 
 #include <exception>
 #include <string_view>
-#include <system_error>
 #include <utility>
 
 #include "messages/message_publish.h"
@@ -53,6 +52,7 @@ MessageBrokerImpl::MessageBrokerImpl(const std::vector<std::string>& pullTranspo
   // Repeated subscriptions too, so that each new subscriber gets the cached value.
   xpubSocket_.setOption(ZMQ_XPUB_VERBOSE, 1);
   xpubSocket_.setOption(ZMQ_SNDHWM, kReplayHighWaterMark);
+  // What comes in on these are subscriptions; a burst of them must not meet a limit.
   xpubSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);
   pubSocket_.setOption(ZMQ_RCVHWM, kNoHighWaterMark);
   pullSocket_.bind(inprocEndpoint_);

@@ -2,7 +2,6 @@
 
 #include <zmq.h>
 
-#include <system_error>
 #include <utility>
 
 #include "pubsub/high_water_marks.h"

@@ -6,7 +6,6 @@
 #include <exception>
 #include <optional>
 #include <stdexcept>
-#include <system_error>
 #include <utility>
 
 #include "messages/message_reply.h"
@@ -17,8 +16,6 @@
 
 namespace tessel {
 namespace {
-
-constexpr int kNoHighWaterMark = 0;
 
 // In a slave's poll set.
 constexpr std::size_t kMainItem = 0;
@@ -341,16 +338,9 @@ void RpcBrokerImpl::waitForMasterOrChanges() {
 
 bool RpcBrokerImpl::serveMain() {
   MessageHeader header;
-  switch (readMessageHeader(mainSocket_, header, ZMQ_DONTWAIT)) {
-    case HeaderRead::kNothing:
-      return false;
-    case HeaderRead::kMalformed:
-      return true;
-    case HeaderRead::kRead:
-      break;
-  }
-  serve(std::move(header));
-  return true;
+  const HeaderRead read = readMessageHeader(mainSocket_, header, ZMQ_DONTWAIT);
+  if (read == HeaderRead::kRead) serve(std::move(header));
+  return read != HeaderRead::kNothing;
 }
 
 void RpcBrokerImpl::serve(MessageHeader&& header) {
@@ -428,14 +418,8 @@ void RpcBrokerImpl::serveRegistration(MessageHeader&& header) {
 
 bool RpcBrokerImpl::serveInternal() {
   MessageHeader header;
-  switch (readMessageHeader(internalSocket_, header, ZMQ_DONTWAIT)) {
-    case HeaderRead::kNothing:
-      return false;
-    case HeaderRead::kMalformed:
-      return true;
-    case HeaderRead::kRead:
-      break;
-  }
+  const HeaderRead read = readMessageHeader(internalSocket_, header, ZMQ_DONTWAIT);
+  if (read != HeaderRead::kRead) return read == HeaderRead::kMalformed;
   if (header.type != kMessageRegistration) throwUnexpected();
   MessageRegistration registration(std::move(header));
   if (registration.receive(internalSocket_)) forward(registration);

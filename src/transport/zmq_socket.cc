@@ -63,7 +63,7 @@ void ZmqSocket::create() {
   try {
     setOption(ZMQ_LINGER, 0);
     setOption(ZMQ_RCVTIMEO, receiveTimeout_);
-    if (sendLimitLifted_) setOption(ZMQ_SNDHWM, 0);
+    if (sendLimitLifted_) setOption(ZMQ_SNDHWM, kNoHighWaterMark);
   } catch (...) {
     close();  // the constructor has not finished, so no destructor would
     throw;
@@ -135,7 +135,7 @@ void ZmqSocket::setReceiveTimeout(std::int64_t milliseconds) {
 }
 
 void ZmqSocket::liftSendLimit() {
-  setOption(ZMQ_SNDHWM, 0);
+  setOption(ZMQ_SNDHWM, kNoHighWaterMark);
   sendLimitLifted_ = true;
 }
 

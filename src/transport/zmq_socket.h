@@ -14,6 +14,9 @@
 
 namespace tessel {
 
+/// For ZMQ_SNDHWM and ZMQ_RCVHWM: a queue without a limit.
+constexpr int kNoHighWaterMark = 0;
+
 /// What a sender does whose queue is full.
 enum class WhenFull {
   kWait,
