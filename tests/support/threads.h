@@ -34,12 +34,19 @@ inline std::set<int> threadNumbers() {
   return numbers;
 }
 
+/// Whether a thread of this process is there no more. One that was joined may be for a moment.
+inline bool hasEnded(int thread) {
+  return !std::filesystem::exists("/proc/self/task/" + std::to_string(thread));
+}
+
 /// Waits until a thread has slept for a while, as one does that waits for a lock, a join or a
-/// socket. It is a guess: use it where a wrong one makes a test weaker, never where it makes it
-/// fail.
-inline bool waitUntilAsleep(int thread) {
+/// socket, or until `otherwise()` holds. That it sleeps is a guess: use it where a wrong one makes
+/// a test weaker, never where it makes it fail.
+template <typename Condition>
+bool waitUntilAsleepOr(int thread, const Condition& otherwise) {
   int asleep = 0;
   return eventually([&] {
+    if (otherwise()) return true;
     std::ifstream status("/proc/self/task/" + std::to_string(thread) + "/stat");
     std::string text;
     std::getline(status, text);
@@ -48,6 +55,9 @@ inline bool waitUntilAsleep(int thread) {
     asleep = sleeping ? asleep + 1 : 0;
     return asleep >= 25;
   });
+}
+inline bool waitUntilAsleep(int thread) {
+  return waitUntilAsleepOr(thread, [] { return false; });
 }
 
 /// A thread that is joined when the scope ends.
