@@ -99,8 +99,8 @@ extern "C" {
   }
 }
 
-// What a client does, but for waiting and for looking its socket up; and a broker that finds
-// nothing after each call, with its worker.
+// What a client does, but for waiting and for looking its socket up; and a broker that
+// always finds a message, with its worker.
 [[gnu::noinline]] void countedRemoteCall(ZmqSocket& client, RpcBrokerImpl& broker,
                                          std::unique_ptr<std::uint8_t[]>& out) {
   static const std::vector<std::uint8_t>& reserved = *new std::vector<std::uint8_t>{0};
