@@ -42,30 +42,42 @@ update_package_lists() {
   logged install_update as_root env DEBIAN_FRONTEND=noninteractive apt-get -q update
 }
 
-# install_packages NAME...: those that are missing; says nothing and asks nothing when none is.
-install_packages() {
-  local name missing=()
+# missing_packages NAME...: those that are not installed, a line each.
+missing_packages() {
+  local name
   command -v dpkg-query >/dev/null || return 0 # not Debian: trust that the tools are there
   for name in "$@"; do
-    installed "$name" || missing+=("$name")
+    installed "$name" || say "$name"
   done
-  [ ${#missing[@]} -eq 0 ] && return 0
-  say "installing: ${missing[*]}"
-  update_package_lists
-  logged install as_root env DEBIAN_FRONTEND=noninteractive \
-    apt-get -q install -y --no-install-recommends "${missing[@]}"
 }
 
-# install_peers: those of peer_packages that the system has.
+get_packages() {
+  say "installing: $*"
+  logged install as_root env DEBIAN_FRONTEND=noninteractive \
+    apt-get -q install -y --no-install-recommends "$@"
+}
+
+# install_packages NAME...: those that are missing; says nothing and asks nothing when none is.
+install_packages() {
+  local missing
+  mapfile -t missing < <(missing_packages "$@")
+  [ ${#missing[@]} -eq 0 ] && return 0
+  update_package_lists
+  get_packages "${missing[@]}"
+}
+
+# install_peers: those of peer_packages that are missing and that the system has.
 install_peers() {
-  local name known=()
-  command -v apt-get >/dev/null || return 0 # as install_packages
+  local name missing known=()
+  mapfile -t missing < <(missing_packages "${peer_packages[@]}")
+  [ ${#missing[@]} -eq 0 ] && return 0
   update_package_lists # without them nothing is known
-  for name in "${peer_packages[@]}"; do
+  for name in "${missing[@]}"; do
     if apt-cache show "$name" >/dev/null 2>&1; then known+=("$name"); fi
   done
-  [ ${#known[@]} -gt 0 ] || die "no package of another product is known to apt"
-  install_packages "${known[@]}"
+  [ ${#known[@]} -gt 0 ] && get_packages "${known[@]}"
+  [ ${#known[@]} -gt 0 ] || [ ${#missing[@]} -lt ${#peer_packages[@]} ] ||
+    die "no package of another product is known to apt"
 }
 
 # logged NAME COMMAND...: keeps the output in build/logs; shows its end only when COMMAND fails.
