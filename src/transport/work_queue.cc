@@ -8,7 +8,7 @@ namespace {
 // In a stream of tasks the next one, or the end of the last, is near: giving way a few times lets
 // the thread come up with it that is to do so. Going to sleep and being woken takes several times
 // as long, on both sides.
-constexpr int kGiveWay = 10;
+constexpr int kGiveWay = 20;
 
 template <typename Condition>
 void giveWayUntil(const Condition& condition) {
