@@ -142,12 +142,20 @@ bool MessageDispatcherImpl::serveOnce() {
     applyRegistrations();
     connectAgain();
   }
-  idle_ = false;  // until both sockets were looked at
-  const bool update = serveMessage(updates_);
-  if (stopRequested_) return false;
-  const bool cached = serveMessage(cache_);
-  idle_ = !update && !cached;
+  idle_ = !serveMessages(Subscribed::kYes) && !serveMessages(Subscribed::kNo);
   return true;
+}
+
+// One of each socket, in turn. Where nobody is subscribed nothing comes, and to find that out takes
+// two system calls: such a socket is asked only before the thread would sleep.
+bool MessageDispatcherImpl::serveMessages(Subscribed subscribed) {
+  bool any = false;
+  for (SubscriptionTable* table : {&updates_, &cache_}) {
+    if (table->empty() != (subscribed == Subscribed::kNo)) continue;
+    any = serveMessage(*table) || any;
+    if (stopRequested_) break;
+  }
+  return any;
 }
 
 // To brokers of this process that have gone: for those of others ZeroMQ does it. Whoever binds the

@@ -40,6 +40,7 @@ class MessageDispatcherImpl {
 
  private:
   using Subscriptions = std::vector<std::shared_ptr<SubscriptionBase>>;
+  enum class Subscribed { kNo, kYes };
 
   bool isOnOwnThread() const;
   void connect(SubscriptionTable& table, const std::string& transport);
@@ -47,6 +48,7 @@ class MessageDispatcherImpl {
   bool serveOnce();
   void connectAgain();
   void applyRegistrations() TESSEL_EXCLUDES(registrationMutex_);
+  bool serveMessages(Subscribed subscribed);
   bool serveMessage(SubscriptionTable& table);
   void dispatch(SubscriptionTable& table);
   SubscriptionTable& tableOf(const SubscriptionBase& subscription);

@@ -34,7 +34,15 @@ void SubscriptionTable::unsubscribe(const SubscriptionBase& entry) {
   socket_.setOption(ZMQ_UNSUBSCRIBE, entry.key());
 }
 
+// What has come for those who have gone, and would be taken for new by who subscribes to it now.
+void SubscriptionTable::discardUnwanted() {
+  ZmqFrame dropped;
+  while (socket_.receive(dropped, ZMQ_DONTWAIT)) {
+  }
+}
+
 void SubscriptionTable::add(Entry entry) {
+  if (empty()) discardUnwanted();
   subscribe(*entry);
   const auto found = indexOf(*entry).try_emplace(indexKey(*entry)).first;
   Group& group = found->second;

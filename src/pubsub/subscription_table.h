@@ -37,6 +37,7 @@ class SubscriptionTable {
 
   ZmqSocket& socket() { return socket_; }
   std::size_t size() const;
+  bool empty() const { return exact_.empty() && prefixes_.empty(); }
 
   /// Subscribes and stores; one subscriber may have several entries.
   void add(Entry entry);
@@ -59,6 +60,7 @@ class SubscriptionTable {
   Group visitMatches(const std::string& key, const Visit& visit);
 
  private:
+  void discardUnwanted();
   void subscribe(const SubscriptionBase& entry);
   void unsubscribe(const SubscriptionBase& entry);
   Index& indexOf(const SubscriptionBase& entry) { return entry.isPrefix() ? prefixes_ : exact_; }

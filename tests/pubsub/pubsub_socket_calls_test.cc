@@ -6,6 +6,7 @@
 #include <tessel/message_dispatcher.h>
 #include <zmq.h>
 
+#include <atomic>
 #include <functional>
 #include <map>
 #include <memory>
@@ -14,9 +15,11 @@
 #include <vector>
 
 #include "support/broker_peers.h"
+#include "support/deadline.h"
 #include "support/raw_broker.h"
 #include "support/recorders.h"
 #include "support/stand_in.h"
+#include "support/subscribers.h"
 #include "support/threads.h"
 
 namespace {
@@ -35,6 +38,8 @@ thread_local std::map<std::string, Marks> marks;
 thread_local std::vector<int> sentOn;  // the types of the sockets, for each frame
 
 thread_local std::function<void()> afterSignal;  // when this thread has sent one
+
+std::atomic<int> receivedNothing{0};  // how often, on all threads
 
 int optionOf(void* socket, int option) {
   int value = -1;
@@ -64,6 +69,11 @@ int zmq_msg_send(zmq_msg_t* message, void* socket, int flags) {
   sentOn.push_back(type);
   const int result = real("zmq_msg_send", &zmq_msg_send)(message, socket, flags);
   if (type == ZMQ_PAIR && afterSignal) afterSignal();
+  return result;
+}
+int zmq_msg_recv(zmq_msg_t* message, void* socket, int flags) {
+  const int result = real("zmq_msg_recv", &zmq_msg_recv)(message, socket, flags);
+  if (result < 0) ++receivedNothing;
   return result;
 }
 
@@ -144,6 +154,32 @@ TEST(DispatcherThatIsSignalled, SleepsUntilItHearsWhatFor) {
   EXPECT_EQ(message == unsubscribed("gone:default") ? broker.cache.receive() : message,
             subscribed("t:default"));
   dispatcher.stop();
+}
+
+// Each time would be two system calls more for a value.
+TEST(DispatcherInAStream, DoesNotAskTheSocketThatNobodySubscribesTo) {
+  constexpr int kValues = 500;
+  for (const SubscriptionMode mode : {SubscriptionMode::NewValues, SubscriptionMode::AllValues}) {
+    RawBroker broker;
+    RawPeer& side = mode == SubscriptionMode::NewValues ? broker.updates : broker.cache;
+    MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+    dispatcher.start();
+    Gate allSent;
+    std::atomic<int> values{0};
+    const auto count = [&](const void*, std::size_t) {
+      allSent.pass();
+      ++values;
+    };
+    const auto subscriber = std::make_shared<CallingSubscriber>(mode, "t", count);
+    dispatcher.registerSubscriber(subscriber);
+    ASSERT_EQ(side.receive(), subscribed("t:default"));
+    for (int i = 0; i < kValues; ++i) side.send(valueMessage("t:default", "1"));
+    receivedNothing = 0;
+    allSent.open();
+    EXPECT_TRUE(eventually([&] { return values == kValues; }));
+    EXPECT_LT(receivedNothing, kValues / 2);
+    dispatcher.stop();
+  }
 }
 
 }  // namespace

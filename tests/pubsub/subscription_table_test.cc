@@ -8,17 +8,21 @@
 #include <string>
 #include <vector>
 
+#include "messages/value_notification.h"
+#include "support/deadline.h"
 #include "support/raw_broker.h"
 
 namespace tessel {
 namespace {
 
+using test::eventually;
 using test::Frames;
 using test::RawPeer;
 using test::sortedFrames;
 using test::subscribed;
 using test::uniqueInproc;
 using test::unsubscribed;
+using test::valueMessage;
 using ::testing::UnorderedElementsAre;
 using ::testing::UnorderedElementsAreArray;
 
@@ -146,6 +150,34 @@ TEST_F(SubscriptionTableTest, RemovesAndUnsubscribesThoseWhoHaveGone) {
   EXPECT_EQ(sortedFrames(broker, 2),
             (Frames{unsubscribed("gone:u").front(), unsubscribed("prefix").front()}));
   expectNothingMoreOnTheWire();
+}
+
+// Otherwise it would be taken for a new value, and keep the cached one from whoever came later.
+TEST_F(SubscriptionTableTest, DropsWhatHasComeForThoseWhoAreGoneBeforeOthersSubscribe) {
+  const auto gone = subscriber("t");
+  const auto next = subscriber("t");
+  table.add(entryOf(gone));
+  EXPECT_EQ(broker.receive(), subscribed("t:u"));
+  broker.send(valueMessage("t:u", "stale"));
+  broker.send(valueMessage("t:u", "stale, too"));
+  const auto holdsOne = [&] {
+    int events = 0;
+    std::size_t size = sizeof events;
+    zmq_getsockopt(table.socket().handle(), ZMQ_EVENTS, &events, &size);
+    return (events & ZMQ_POLLIN) != 0;
+  };
+  ASSERT_TRUE(eventually(holdsOne));
+  table.removeOne(*entryOf(gone));
+  EXPECT_EQ(broker.receive(), unsubscribed("t:u"));
+  EXPECT_TRUE(table.empty());
+  table.add(entryOf(next));
+  EXPECT_FALSE(table.empty());
+  EXPECT_EQ(broker.receive(), subscribed("t:u"));
+  broker.send(valueMessage("t:u", "new"));
+  ReceivedNotification received;
+  ASSERT_TRUE(receiveNotification(table.socket(), received, 0));
+  EXPECT_EQ(std::string(static_cast<const char*>(received.value.data()), received.value.size()),
+            "new");
 }
 
 TEST_F(SubscriptionTableTest, UnsubscribesAllKeepsTheLivingAndSubscribesThemAgain) {
