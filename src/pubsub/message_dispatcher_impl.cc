@@ -12,6 +12,11 @@ namespace {
 
 constexpr std::size_t kWakeItem = 0;  // in the poll set
 
+// While values come, a socket on which nobody is subscribed is asked once in so many passes: to
+// find that it has nothing takes two system calls. To ask is to drop what still comes there for
+// those who have gone; the sender would keep the rest of it ready for those who subscribe next.
+constexpr int kPassesInAStream = 64;
+
 }  // namespace
 
 MessageDispatcherImpl::MessageDispatcherImpl(const std::string& updatesTransport,
@@ -142,12 +147,16 @@ bool MessageDispatcherImpl::serveOnce() {
     applyRegistrations();
     connectAgain();
   }
-  idle_ = !serveMessages(Subscribed::kYes) && !serveMessages(Subscribed::kNo);
+  idle_ = false;  // until both sockets were looked at
+  const bool served = serveMessages(Subscribed::kYes);
+  if (stopRequested_) return false;
+  if (served && ++passesInAStream_ < kPassesInAStream) return true;
+  passesInAStream_ = 0;
+  idle_ = !serveMessages(Subscribed::kNo) && !served;
   return true;
 }
 
-// One of each socket, in turn. Where nobody is subscribed nothing comes, and to find that out takes
-// two system calls: such a socket is asked only before the thread would sleep.
+// One of each socket, in turn.
 bool MessageDispatcherImpl::serveMessages(Subscribed subscribed) {
   bool any = false;
   for (SubscriptionTable* table : {&updates_, &cache_}) {

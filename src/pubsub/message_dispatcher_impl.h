@@ -73,6 +73,7 @@ class MessageDispatcherImpl {
   ReceivedNotification received_;  // the message in hand; kept for the memory of its key
   Deliveries deliveries_;          // of the last one dispatched; outlives the queue that runs them
   bool idle_ = true;               // the last pass found nothing to read
+  int passesInAStream_ = 0;        // since the sockets without subscriptions were asked
   // A signal may be there that will not wake the poll: ask before sleeping.
   bool wakeupMayBeUnread_ = true;
 

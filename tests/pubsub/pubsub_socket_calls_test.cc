@@ -182,5 +182,45 @@ TEST(DispatcherInAStream, DoesNotAskTheSocketThatNobodySubscribesTo) {
   }
 }
 
+// Nor keeps what came there for those who have gone, or the sender from sending more of it.
+TEST(DispatcherInAStream, DropsWhatHasComeForThoseWhoHaveGone) {
+  constexpr int kValues = 5000;
+  static std::atomic<int> values;
+  static std::atomic<int> valuesBefore;  // it was dropped
+  values = 0;
+  valuesBefore = -1;
+  RawBroker broker;
+  MessageDispatcher dispatcher(broker.updatesEndpoint, broker.cacheEndpoint, 1);
+  dispatcher.start();
+  Gate allSent;
+  const auto count = [&](const void*, std::size_t) {
+    ++values;
+    allSent.pass();
+  };
+  const auto going = std::make_shared<RecordingSubscriber>(SubscriptionMode::NewValues, "t", "");
+  const auto staying = std::make_shared<CallingSubscriber>(SubscriptionMode::AllValues, "t", count);
+  dispatcher.registerSubscriber(going);
+  dispatcher.registerSubscriber(staying);
+  ASSERT_EQ(broker.updates.receive(), subscribed("t:default"));
+  ASSERT_EQ(broker.cache.receive(), subscribed("t:default"));
+  broker.cache.send(valueMessage("t:default", "1"));
+  ASSERT_TRUE(eventually([] { return values == 1; }));
+  // This one the dispatcher may have in hand, until the callback returns; the next one waits.
+  broker.updates.send(valueMessage("t:default", "1"));
+  zmq_msg_t tooLate;
+  char bytes[1000] = {};
+  const auto note = [](void*, void*) { valuesBefore = values.load(); };
+  ASSERT_EQ(zmq_msg_init_data(&tooLate, bytes, sizeof bytes, note, nullptr), 0);
+  ASSERT_GE(zmq_send(broker.updates.handle(), "t:default", 9, ZMQ_SNDMORE), 0);
+  ASSERT_GE(zmq_msg_send(&tooLate, broker.updates.handle(), 0), 0);
+  dispatcher.unregisterSubscriber(going);
+  for (int i = 1; i < kValues; ++i) broker.cache.send(valueMessage("t:default", "1"));
+  allSent.open();
+  EXPECT_TRUE(eventually([] { return values == kValues; }));
+  EXPECT_GE(valuesBefore, 0);
+  EXPECT_LT(valuesBefore, kValues / 2);
+  dispatcher.stop();
+}
+
 }  // namespace
 }  // namespace tessel::test
