@@ -115,7 +115,7 @@ void MessageDispatcherImpl::stop(bool clearSubscriptions) {
 // from a table, and a worker may be about to call them.
 void MessageDispatcherImpl::run() {
   threadId_ = std::this_thread::get_id();
-  // The last run may have seen the signal of its stop() and left it unread.
+  // The last run may have seen the signal of its stop() and left it unread, and so a socket.
   wakeupMayBeUnread_ = true;
   connectAgain();
   updates_.resubscribeAll();

@@ -34,15 +34,9 @@ void SubscriptionTable::unsubscribe(const SubscriptionBase& entry) {
   socket_.setOption(ZMQ_UNSUBSCRIBE, entry.key());
 }
 
-// What has come for those who have gone, and would be taken for new by who subscribes to it now.
-void SubscriptionTable::discardUnwanted() {
-  ZmqFrame dropped;
-  while (socket_.receive(dropped, ZMQ_DONTWAIT)) {
-  }
-}
-
 void SubscriptionTable::add(Entry entry) {
-  if (empty()) discardUnwanted();
+  // What has come for those who have gone would be taken for new by who subscribes to it now.
+  if (empty()) socket_.discardWaiting();
   subscribe(*entry);
   const auto found = indexOf(*entry).try_emplace(indexKey(*entry)).first;
   Group& group = found->second;

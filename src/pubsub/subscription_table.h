@@ -60,7 +60,6 @@ class SubscriptionTable {
   Group visitMatches(const std::string& key, const Visit& visit);
 
  private:
-  void discardUnwanted();
   void subscribe(const SubscriptionBase& entry);
   void unsubscribe(const SubscriptionBase& entry);
   Index& indexOf(const SubscriptionBase& entry) { return entry.isPrefix() ? prefixes_ : exact_; }

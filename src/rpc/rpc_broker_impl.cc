@@ -280,9 +280,7 @@ void RpcBrokerImpl::leave() {
 
 // The next start lists what is there by then, also what was registered during one that failed.
 void RpcBrokerImpl::dropQueuedRegistrations() {
-  ZmqFrame dropped;
-  while (internalSocket_.receive(dropped, ZMQ_DONTWAIT)) {
-  }
+  internalSocket_.discardWaiting();
   const Lock lock(changesMutex_);
   changes_.clear();
 }

@@ -187,6 +187,12 @@ void ZmqSocket::discardPending() {
   }
 }
 
+void ZmqSocket::discardWaiting() {
+  ZmqFrame dropped;
+  while (receive(dropped, ZMQ_DONTWAIT)) {
+  }
+}
+
 void ZmqSocket::ensureConnected() {
   if (connectError_ != 0) throwZmqError(connectError_);
   // Also when the last reconnect got no socket.

@@ -77,6 +77,8 @@ class ZmqSocket {
   bool receivingMore() const { return receivingMore_; }
   /// Drops what is left of a message whose last frame read said that more would follow.
   void discardPending();
+  /// Drops all messages that have come, between two messages.
+  void discardWaiting();
 
   /// Sends the first frame of a message: connects again first if the in-process peer has gone, and
   /// waits without missing that when the queue is full. Throws when the connect had failed, since
