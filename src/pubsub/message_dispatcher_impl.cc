@@ -204,7 +204,11 @@ SubscriptionTable& MessageDispatcherImpl::tableOf(const SubscriptionBase& subscr
 bool MessageDispatcherImpl::serveMessage(SubscriptionTable& table) {
   if (!receiveNotification(table.socket(), received_, ZMQ_DONTWAIT)) return false;
   // The callbacks of one value end before those of the next begin, whichever socket it came from.
-  if (deliveries_.finish(*deliveryQueue_)) dispatch(table);
+  if (deliveries_.finish(*deliveryQueue_)) {
+    dispatch(table);
+  } else {
+    received_.value = ZmqFrame();  // it stops, and may never receive the next one
+  }
   return true;
 }
 

@@ -94,21 +94,46 @@ TEST_F(DispatcherWithOneWorker, KeepsTheValuesOfBothSocketsOverAStop) {
   }
 }
 
+// A frame that knows when everybody has let go of it.
+class WatchedFrame {
+ public:
+  explicit WatchedFrame(std::string bytes) : state_(std::make_shared<State>(std::move(bytes))) {}
+
+  void send(RawPeer& socket) {
+    std::string& bytes = state_->bytes;
+    zmq_msg_t frame;
+    ASSERT_EQ(zmq_msg_init_data(&frame, bytes.data(), bytes.size(), release,
+                                new std::shared_ptr<State>(state_)),
+              0);
+    ASSERT_EQ(zmq_msg_send(&frame, socket.handle(), ZMQ_SNDMORE), static_cast<int>(bytes.size()));
+  }
+  bool released() const { return state_->released; }
+
+ private:
+  struct State {
+    explicit State(std::string taken) : bytes(std::move(taken)) {}
+    std::string bytes;
+    std::atomic<bool> released{false};
+  };
+  static void release(void*, void* hint) {
+    const std::unique_ptr<std::shared_ptr<State>> state(static_cast<std::shared_ptr<State>*>(hint));
+    (*state)->released = true;
+  }
+
+  std::shared_ptr<State> state_;
+};
+
 // Sends a value and returns when the dispatcher has it in hand: ZeroMQ has let go of the key's
-// frame by then.
-void sendUntilRead(RawPeer& socket, const std::string& key, const std::string& value,
-                   unsigned long long flags = kLiveFlag) {
-  static std::atomic<bool> released;
-  released = false;
-  static std::string bytes;
-  bytes = key;
-  zmq_msg_t frame;
-  ASSERT_EQ(zmq_msg_init_data(
-                &frame, bytes.data(), bytes.size(), [](void*, void*) { released = true; }, nullptr),
-            0);
-  ASSERT_EQ(zmq_msg_send(&frame, socket.handle(), ZMQ_SNDMORE), static_cast<int>(key.size()));
-  socket.send({value, word(flags)});
-  ASSERT_TRUE(eventually([] { return released.load(); }));
+// frame by then. Returns the frame of the value.
+WatchedFrame sendUntilRead(RawPeer& socket, const std::string& key, const std::string& value,
+                           unsigned long long flags = kLiveFlag) {
+  WatchedFrame keyFrame(key);
+  WatchedFrame valueFrame(value);
+  keyFrame.send(socket);
+  valueFrame.send(socket);
+  socket.send({word(flags)});
+  EXPECT_TRUE(eventually([&] { return keyFrame.released(); }));
+  return valueFrame;
 }
 
 class DispatcherThatIsBehind : public DispatcherWithOneWorker {
@@ -119,10 +144,10 @@ class DispatcherThatIsBehind : public DispatcherWithOneWorker {
     broker.cache.send(valueMessage("held:default", "1"));
     ASSERT_TRUE(held_->journal.waitFor(1));
   }
-  // From then on what is sent waits in the sockets.
-  void getBehind() {
+  // From then on what is sent waits in the sockets. Returns the value that it has in hand.
+  WatchedFrame getBehind() {
     hold();
-    sendUntilRead(broker.cache, "held:default", "2");
+    return sendUntilRead(broker.cache, "held:default", "2");
   }
   // Lets the callback return when nobody waits for that any more to go on with other values.
   void stop() {
@@ -159,6 +184,14 @@ TEST_F(DispatcherThatIsBehind, AppliesWhatWasQueuedWhileStoppedBeforeTheValuesTh
   EXPECT_EQ(staying->journal.lines(), (Lines{"value 1", "value 2"}));
   EXPECT_EQ(leaving->journal.lines(), Lines{});
   EXPECT_EQ(joining->journal.lines(), (Lines{"value 1", "value 2"}));
+}
+
+TEST_F(DispatcherThatIsBehind, LetsGoOfTheValueThatItDropsWhenItStops) {
+  start();
+  const WatchedFrame inHand = getBehind();
+  EXPECT_FALSE(inHand.released());
+  stop();
+  EXPECT_TRUE(inHand.released());
 }
 
 TEST_F(DispatcherThatIsBehind, TakesTheUpdatesSocketFirstInEachPass) {
