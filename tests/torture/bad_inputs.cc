@@ -26,6 +26,7 @@
 #include "support/call_outcome.h"
 #include "support/endpoints.h"
 #include "support/recorders.h"
+#include "support/sanitizers.h"
 #include "support/watchdog.h"
 #include "torture.h"
 
@@ -228,11 +229,7 @@ void pushToBroker() {
 
 // ZeroMQ's sender descends its tree of subscriptions by calls within each other, byte by byte, for
 // which the stack is too small where the sanitizer wants each call to be a call.
-#ifdef __SANITIZE_THREAD__
-constexpr std::size_t kLongSubscription = 20000;
-#else
-constexpr std::size_t kLongSubscription = 70000;
-#endif
+constexpr std::size_t kLongSubscription = kThreadSanitizer ? 20000 : 70000;
 
 // What a subscriber may say: subscriptions, their ends, and what is neither, in one frame or many.
 std::vector<Frames> subscriberMessages() {

@@ -10,14 +10,12 @@
 #include <iterator>
 #include <string>
 
+#include "support/sanitizers.h"
+
 namespace tessel::test {
 
 /// A sanitizer keeps what was freed, and more: then the memory of a process tells nothing.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-constexpr bool kMemoryTells = false;
-#else
-constexpr bool kMemoryTells = true;
-#endif
+constexpr bool kMemoryTells = !kAddressSanitizer && !kThreadSanitizer;
 
 /// Memory in the machine's pages that is the process's own, in bytes; 0 when it is gone. Files that
 /// it maps do not count.

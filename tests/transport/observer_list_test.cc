@@ -94,8 +94,8 @@ TEST(ObserverList, DoesNotKeepTheMemoryOfThoseThatAreGone) {
       [](List& list) { const List::Entries released = list.takeAll(); },
   };
   for (const auto& walk : walks) {
-    List list;
     int blocks = 0;
+    List list;  // whose weak references hold blocks until its end
     const CountingAllocator<Observer> counting(blocks);
     const auto before = std::allocate_shared<Observer>(counting);
     auto gone = std::allocate_shared<Observer>(counting);
